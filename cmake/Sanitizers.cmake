@@ -1,0 +1,12 @@
+# One sanitizer build per build tree, chosen with -DVEMO_SANITIZE=address|thread.
+if(VEMO_SANITIZE STREQUAL "address")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+  add_compile_definitions(VEMO_SANITIZER_BUILD=1)
+elseif(VEMO_SANITIZE STREQUAL "thread")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+  add_compile_definitions(VEMO_SANITIZER_BUILD=1)
+elseif(NOT VEMO_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "VEMO_SANITIZE must be empty, 'address' or 'thread'")
+endif()

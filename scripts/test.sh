@@ -1,0 +1,29 @@
+#!/usr/bin/env bash
+# Sets up the machine, then builds and runs every test: the plain build, the ASan+UBSan build and
+# the TSan build. Usage: scripts/test.sh [plain|asan|tsan ...] (default: all three).
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+"$root/scripts/setup.sh"
+
+variants=("$@")
+[ ${#variants[@]} -gt 0 ] || variants=(plain asan tsan)
+jobs=$(nproc)
+
+for v in "${variants[@]}"; do
+  case "$v" in
+    plain) opts=(-DCMAKE_BUILD_TYPE=RelWithDebInfo); exclude="";;
+    # Cases that crash or abort on purpose (allocator traps) are kept out of sanitizer builds.
+    asan)  opts=(-DCMAKE_BUILD_TYPE=Debug -DVEMO_SANITIZE=address); exclude="faulting";;
+    tsan)  opts=(-DCMAKE_BUILD_TYPE=Debug -DVEMO_SANITIZE=thread); exclude="faulting";;
+    *) echo "unknown variant $v" >&2; exit 2;;
+  esac
+  dir="$root/build/$v"
+  echo "=== $v build"
+  "$root/scripts/build.sh" "$dir" "${opts[@]}" -DVEMO_BUILD_BENCH=OFF
+  echo "=== $v tests"
+  args=(--test-dir "$dir" --output-on-failure -j "$jobs")
+  [ -z "$exclude" ] || args+=(-LE "$exclude")
+  ASAN_OPTIONS=detect_leaks=1:abort_on_error=1 UBSAN_OPTIONS=print_stacktrace=1 \
+  TSAN_OPTIONS=halt_on_error=1:second_deadlock_stack=1 \
+    ctest "${args[@]}"
+done

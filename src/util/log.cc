@@ -1,0 +1,62 @@
+#include <pthread.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <atomic>
+
+#include "util/log_internal.h"
+#include "vemo/util.h"
+
+namespace vemo {
+namespace {
+std::atomic<FILE *> g_stream{nullptr};
+}
+
+bool format_timestamp(const struct timeval &tv, char out[kTimestampSize]) {
+  struct tm local;
+  time_t seconds = tv.tv_sec;
+  // Reentrant: every logging thread converts into its own structure.
+  if (localtime_r(&seconds, &local) == nullptr) return false;
+  snprintf(out, kTimestampSize, "%04d-%02d-%02d %02d:%02d:%02d.%03d", local.tm_year + 1900,
+           local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
+           static_cast<int>(tv.tv_usec / 1000));
+  return true;
+}
+
+void log_write(FILE *stream, const char *timestamp, const char *level, const char *file, int line,
+               const char *function, const char *format, va_list args) {
+  // pthread_t is an integer or pointer-sized handle on the platforms we serve; on 32-bit
+  // targets this is exactly the 32-bit identity, on 64-bit hosts it is not truncated.
+  unsigned long thread = (unsigned long)pthread_self();
+  // One stream lock around the pieces keeps every line whole among threads.
+  flockfile(stream);
+  if (timestamp != nullptr) {
+    fprintf(stream, "%s | %5s | %d:0x%lX | %s:%d | %s | - ", timestamp, level, (int)getpid(), thread,
+            file, line, function);
+  } else {
+    fprintf(stream, "%5s | %d:0x%lX | %s:%d | %s | - ", level, (int)getpid(), thread, file, line,
+            function);
+  }
+  vfprintf(stream, format, args);
+  putc_unlocked('\n', stream);
+  funlockfile(stream);
+}
+
+void log_set_stream(FILE *stream) { g_stream.store(stream, std::memory_order_release); }
+
+}  // namespace vemo
+
+extern "C" VEMO_API void vemo_log_print(const char *level, const char *file, int line,
+                                        const char *function, const char *format, ...) {
+  // The timestamp lives on the stack: a log line costs no heap allocation.
+  char timestamp[vemo::kTimestampSize] = {0};
+  struct timeval tv;
+  bool have_time = gettimeofday(&tv, nullptr) == 0 && vemo::format_timestamp(tv, timestamp);
+  FILE *stream = vemo::g_stream.load(std::memory_order_acquire);
+  va_list args;
+  va_start(args, format);
+  vemo::log_write(stream != nullptr ? stream : stdout, have_time ? timestamp : nullptr,
+                  level != nullptr ? level : "", file != nullptr ? file : "", line,
+                  function != nullptr ? function : "", format != nullptr ? format : "", args);
+  va_end(args);
+}
