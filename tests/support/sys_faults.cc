@@ -1,0 +1,106 @@
+#include "support/sys_faults.h"
+
+#include <errno.h>
+
+#include <algorithm>
+
+namespace vemo_test {
+namespace {
+
+std::atomic<SysFaults *> g_current{nullptr};
+
+const vemo::sys::Ops &real() { return vemo::sys::real_ops(); }
+SysFaults &current() { return *g_current.load(); }
+
+int fake_socket(int domain, int type, int protocol) {
+  if (current().socket.next()) return -1;
+  return real().socket(domain, type, protocol);
+}
+int fake_bind(int fd, const struct sockaddr *address, socklen_t length) {
+  current().last_bind_length = static_cast<int>(length);
+  if (current().bind.next()) return -1;
+  return real().bind(fd, address, length);
+}
+int fake_listen(int fd, int backlog) {
+  if (current().listen.next()) return -1;
+  return real().listen(fd, backlog);
+}
+int fake_connect(int fd, const struct sockaddr *address, socklen_t length) {
+  current().last_connect_length = static_cast<int>(length);
+  if (current().connect.next()) return -1;
+  return real().connect(fd, address, length);
+}
+ssize_t fake_send(int fd, const void *buffer, size_t count, int flags) {
+  current().last_send_flags = flags;
+  if (current().send.next()) return -1;
+  size_t chunk = current().send_chunk;
+  return real().send(fd, buffer, chunk > 0 ? std::min(chunk, count) : count, flags);
+}
+ssize_t fake_recv(int fd, void *buffer, size_t count, int flags) {
+  if (current().recv.next()) return -1;
+  size_t chunk = current().recv_chunk;
+  return real().recv(fd, buffer, chunk > 0 ? std::min(chunk, count) : count, flags);
+}
+int fake_poll(struct pollfd *fds, nfds_t count, int timeout_ms) {
+  current().last_poll_timeout = timeout_ms;
+  current().last_poll_events = count > 0 ? fds[0].events : 0;
+  if (current().poll.next()) return -1;
+  return real().poll(fds, count, timeout_ms);
+}
+int fake_fcntl(int fd, int command, int argument) {
+  if (current().fcntl.next()) return -1;
+  return real().fcntl(fd, command, argument);
+}
+int fake_shutdown(int fd, int how) {
+  current().last_shutdown_how = how;
+  if (current().shutdown.next()) return -1;
+  return real().shutdown(fd, how);
+}
+int fake_close(int fd) {
+  if (current().close.next()) return -1;
+  return real().close(fd);
+}
+void *fake_malloc(size_t size) {
+  current().last_malloc_size = size;
+  if (current().malloc.next()) return nullptr;
+  return real().malloc(size);
+}
+
+}  // namespace
+
+bool CallScript::next() {
+  ++calls;
+  if (pass.load() > 0) {
+    --pass;
+    return false;
+  }
+  if (fail.load() > 0) {
+    --fail;
+    errno = error.load();
+    return true;
+  }
+  return false;
+}
+
+SysFaults::SysFaults() : ops_(vemo::sys::real_ops()) {
+  ops_.socket = fake_socket;
+  ops_.bind = fake_bind;
+  ops_.listen = fake_listen;
+  ops_.connect = fake_connect;
+  ops_.send = fake_send;
+  ops_.recv = fake_recv;
+  ops_.poll = fake_poll;
+  ops_.fcntl = fake_fcntl;
+  ops_.shutdown = fake_shutdown;
+  ops_.close = fake_close;
+  ops_.malloc = fake_malloc;
+  g_current.store(this);
+  scope_.reset(new vemo::sys::ScopedOps(ops_));
+}
+
+SysFaults::~SysFaults() {
+  scope_.reset();
+  g_current.store(nullptr);
+}
+
+}  // namespace vemo_test
