@@ -125,7 +125,11 @@ int msg_id_get_from_idle(msg_id_pool_t *pool, const msg_data_t *data, const MsgD
 
 // Waits (mutex held) until no hook of slot runs, so that its record may be freed.
 void wait_hook_done(msg_id_pool_t *pool, Slot &slot) REQUIRES(pool->mutex) {
-  while (slot.record != nullptr && slot.record->delivering) slot.changed.wait(pool->mutex);
+  while (slot.record != nullptr && slot.record->delivering) {
+    pool->waiting_holders += 1;
+    slot.changed.wait(pool->mutex);
+    pool->waiting_holders -= 1;
+  }
 }
 
 }  // namespace

@@ -12,7 +12,8 @@ namespace vemo {
 // Takers blocked because every id is in use.
 int32_t msg_id_pool_waiting_takers(msg_id_pool_t *pool);
 
-// Holders asleep in msg_id_wait_result.
+// Threads asleep on a slot's condition: holders in msg_id_wait_result, and returners in
+// msg_id_put_to_idle waiting for a hook of their id to end.
 int32_t msg_id_pool_waiting_holders(msg_id_pool_t *pool);
 
 }  // namespace vemo
