@@ -1,0 +1,44 @@
+// The command lines that drive a running daemon: typed on standard input or written to the
+// control FIFO of the executable.
+#ifndef VEMO_CLOUDD_CONSOLE_H
+#define VEMO_CLOUDD_CONSOLE_H
+
+#include <string>
+
+#include "vemo_cloudd/cloud_daemon.h"
+
+namespace vemo {
+namespace cloudd {
+
+struct ConsoleCommand {
+  enum Kind {
+    kNothing,  // an empty line
+    kCloudRequest,
+    kHelloRequest,
+    kHelloResponse,
+    kNotify,
+    kRaw,
+    kBytes,
+    kClose,
+    kStatus,
+    kHelp,
+    kQuit,
+  };
+  Kind kind = kNothing;
+  int conn = kAllConnections;  // from an "@N " prefix
+  std::string text;            // the rest of the line (TEXT), or the decoded bytes
+  int number = 0;              // TYPE
+};
+
+// 0, or -1 with *error telling what is wrong with the line.
+int parse_command(const std::string &line, ConsoleCommand *out, std::string *error);
+
+// Carries out a command (not kQuit) and returns the line to show its outcome (empty for none).
+std::string run_command(CloudDaemon &daemon, const ConsoleCommand &cmd);
+
+std::string command_help();
+
+}  // namespace cloudd
+}  // namespace vemo
+
+#endif

@@ -1,0 +1,85 @@
+// Helpers of the daemon's own tests: a raw client that speaks frames through the transport, and
+// a child process running the vemo_cloudd executable.
+#ifndef VEMO_CLOUDD_TESTS_TEST_SUPPORT_H
+#define VEMO_CLOUDD_TESTS_TEST_SUPPORT_H
+
+#include <sys/types.h>
+
+#include <functional>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace cloudd_test {
+
+// A socket path under /tmp that belongs to this test process alone; nothing is left there.
+std::string temp_socket_path(const std::string &tag);
+
+// One client connection, without the client library: every frame goes through the transport.
+class RawClient {
+ public:
+  RawClient() = default;
+  ~RawClient();
+  RawClient(const RawClient &) = delete;
+  RawClient &operator=(const RawClient &) = delete;
+
+  // The transport's code (negative) or 0.
+  int connect(const std::string &path);
+  int fd() const { return fd_; }
+  bool send(const std::string &text);
+  // The next frame's text; nullopt when none came in time or the connection failed (last_code()
+  // tells which: VEMO_ERR_RECV_TIMEOUT, VEMO_ERR_PEER_CLOSED, ...).
+  std::optional<std::string> recv(int timeout_ms);
+  int last_code() const { return last_code_; }
+  // Exactly n bytes as they arrive on the socket, frame or not.
+  std::optional<std::string> recv_bytes(std::size_t n, int timeout_ms);
+  // Waits until the daemon closes the connection; false when anything else happens first.
+  bool wait_closed(int timeout_ms);
+  void close();
+
+ private:
+  int fd_ = -1;
+  int last_code_ = 0;
+};
+
+// {"inner_method":"device_request","inner_params":{"request":text,"timeout_ms":..,"flag":..},
+//  "inner_id":id}, as the client library prints it.
+std::string device_request(int id, const std::string &text, int timeout_ms = 3000, int flag = 0);
+
+// The vemo_cloudd executable as a child with its standard streams on pipes.
+class DaemonProcess {
+ public:
+  explicit DaemonProcess(const std::vector<std::string> &args);
+  ~DaemonProcess();  // kills the child if it still runs
+  DaemonProcess(const DaemonProcess &) = delete;
+  DaemonProcess &operator=(const DaemonProcess &) = delete;
+
+  bool started() const { return pid_ > 0; }
+  pid_t pid() const { return pid_; }
+  bool write_line(const std::string &line);
+  void close_stdin();
+  // The first line of standard output (from the start, lines read so far included) that
+  // satisfies pred.
+  std::optional<std::string> wait_for_line(const std::function<bool(const std::string &)> &pred,
+                                           int timeout_ms);
+  std::optional<std::string> wait_for_line_starting(const std::string &prefix, int timeout_ms);
+  // The exit status (as from waitpid) once the child ended; nullopt when it runs on.
+  std::optional<int> wait_exit(int timeout_ms);
+  std::string all_stdout();
+  std::string all_stderr();
+
+ private:
+  bool pump(int timeout_ms);  // reads what the child wrote; false once both pipes are closed
+  pid_t pid_ = -1;
+  int in_ = -1;
+  int out_ = -1;
+  int err_ = -1;
+  std::string out_text_;
+  std::string err_text_;
+  bool exited_ = false;
+  int status_ = 0;
+};
+
+}  // namespace cloudd_test
+
+#endif
