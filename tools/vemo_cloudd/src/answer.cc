@@ -22,7 +22,7 @@ void CloudDaemon::Loop::greet(int conn) {
   send_to(conn, make_server_notify(b.greeting_type), b.greeting_delay_ms);
 }
 
-void CloudDaemon::Loop::answer(const Received &msg) {
+void CloudDaemon::Loop::answer(const Received &msg, const Behaviour &b) {
   const std::string who = std::to_string(msg.conn);
   if (!msg.json) {
     // Nothing to answer: a client that sends garbage gets no reply, as the client itself
@@ -31,7 +31,6 @@ void CloudDaemon::Loop::answer(const Received &msg) {
     return;
   }
   if (!msg.method.empty()) {
-    Behaviour b = st_.behaviour_snapshot();
     if (msg.method == kDeviceRequest) {
       answer_device_request(msg, b);
     } else {
@@ -39,10 +38,7 @@ void CloudDaemon::Loop::answer(const Received &msg) {
     }
     return;
   }
-  if (msg.has_error_code) {
-    note_reply(msg);
-    return;
-  }
+  if (msg.is_reply()) return;  // noted as it came in (note_reply); nothing to answer
   st_.emit("error " + who + " neither a request nor a reply, not answered");
 }
 

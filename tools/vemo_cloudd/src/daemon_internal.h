@@ -109,10 +109,10 @@ class CloudDaemon::Loop {
   int poll_timeout_ms() const;
 
   // The daemon's own part of the conversation (answer.cc).
-  void answer(const Received &msg);
+  void answer(const Received &msg, const Behaviour &b);
   void answer_device_request(const Received &msg, const Behaviour &b);
   void answer_other_request(const Received &msg, const Behaviour &b);
-  void note_reply(const Received &msg);
+  void note_reply(const Received &msg);  // logs a client's answer to a request of ours
   void greet(int conn);
 
   static thread_local Loop *current_;

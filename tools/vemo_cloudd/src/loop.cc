@@ -92,12 +92,12 @@ void CloudDaemon::Loop::run() {
   timers_.clear();
   close(listen_fd_);
   remove_socket_file(path_, bound_);
+  st_.emit("stopped");
   {
     MutexLock lock(st_.mu);
     st_.running = false;
     st_.cv.broadcast();
   }
-  st_.emit("stopped");
   current_ = nullptr;
 }
 
@@ -151,15 +151,20 @@ void CloudDaemon::Loop::accept_all() {
       after(kAcceptRetryMs, [this] { accept_paused_ = false; });
       return;
     }
+    // Every line is emitted before the change it tells of becomes visible to waiters, so a
+    // test that waited for a change finds its line already there.
     int id;
     {
       MutexLock lock(st_.mu);
       id = ++st_.seen;
+    }
+    st_.emit("connected " + conn_text(id));
+    conns_[id] = fd;
+    {
+      MutexLock lock(st_.mu);
       st_.open_ids.push_back(id);
       st_.cv.broadcast();
     }
-    conns_[id] = fd;
-    st_.emit("connected " + conn_text(id));
     greet(id);
   }
 }
@@ -177,15 +182,20 @@ void CloudDaemon::Loop::receive(int conn) {
   }
   std::string payload(text);
   free(text);
-  Received msg = st_.record_received(parse_received(conn, payload));
+  // The settings in force when the message arrived decide its answer, even if a waiter that
+  // sees it recorded changes them at once.
+  const Behaviour behaviour = st_.behaviour_snapshot();
   st_.emit("recv " + conn_text(conn) + " " + describe_payload(payload));
+  Received parsed = parse_received(conn, payload);
+  if (parsed.is_reply()) note_reply(parsed);
+  Received msg = st_.record_received(std::move(parsed));
   Handler handler;
   {
     MutexLock lock(st_.mu);
     handler = st_.handler;
   }
   if (handler && handler(*st_.owner, msg)) return;
-  answer(msg);
+  answer(msg, behaviour);
 }
 
 std::vector<int> CloudDaemon::Loop::targets(int conn) const {
@@ -210,8 +220,8 @@ bool CloudDaemon::Loop::send_frame(int conn, const std::string &text) {
     close_connection(conn, "send failed, code=" + std::to_string(rc));
     return false;
   }
-  st_.record_sent(conn, text, false);
   st_.emit("send " + conn_text(conn) + " " + describe_payload(text));
+  st_.record_sent(conn, text, false);
   return true;
 }
 
@@ -228,8 +238,8 @@ bool CloudDaemon::Loop::send_raw(int conn, const std::string &bytes) {
     }
     done += static_cast<std::size_t>(n);
   }
-  st_.record_sent(conn, bytes, true);
   st_.emit("send " + conn_text(conn) + " (bytes) " + hex(bytes));
+  st_.record_sent(conn, bytes, true);
   return true;
 }
 
@@ -247,6 +257,7 @@ int CloudDaemon::Loop::send_to(int conn, const std::string &text, int delay_ms) 
 void CloudDaemon::Loop::close_connection(int conn, const std::string &why) {
   auto it = conns_.find(conn);
   if (it == conns_.end()) return;
+  st_.emit("disconnected " + conn_text(conn) + " (" + why + ")");
   close(it->second);
   conns_.erase(it);
   {
@@ -260,7 +271,6 @@ void CloudDaemon::Loop::close_connection(int conn, const std::string &why) {
     }
     st_.cv.broadcast();
   }
-  st_.emit("disconnected " + conn_text(conn) + " (" + why + ")");
 }
 
 }  // namespace cloudd

@@ -79,7 +79,8 @@ bool RawClient::wait_closed(int timeout_ms) {
   const Clock::time_point deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
   for (;;) {
     std::optional<std::string> frame = recv(ms_left(deadline));
-    if (!frame) return last_code_ == VEMO_ERR_PEER_CLOSED;
+    // A close with unread input reaches this end as a reset, which fails the read.
+    if (!frame) return last_code_ == VEMO_ERR_PEER_CLOSED || last_code_ == VEMO_ERR_SHORT_READ;
     // Frames still queued before the close are passed over.
   }
 }

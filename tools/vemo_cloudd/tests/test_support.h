@@ -33,7 +33,8 @@ class RawClient {
   int last_code() const { return last_code_; }
   // Exactly n bytes as they arrive on the socket, frame or not.
   std::optional<std::string> recv_bytes(std::size_t n, int timeout_ms);
-  // Waits until the daemon closes the connection; false when anything else happens first.
+  // Waits until the daemon closes the connection (an orderly close or a reset); false when
+  // nothing happens in time.
   bool wait_closed(int timeout_ms);
   void close();
 

@@ -1,0 +1,286 @@
+// Messages that the daemon starts itself, the replies it records, several clients, the
+// handler hook and the log lines.
+#include <gtest/gtest.h>
+
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "test_support.h"
+#include "vemo/codes.h"
+#include "vemo_cloudd/cloud_daemon.h"
+
+namespace {
+
+using cloudd_test::device_request;
+using cloudd_test::RawClient;
+using vemo::cloudd::CloudDaemon;
+using vemo::cloudd::Received;
+using vemo::cloudd::Sent;
+
+constexpr int kWait = 5000;
+
+class Commands : public ::testing::Test {
+ protected:
+  Commands() : path_(cloudd_test::temp_socket_path("cmd")), daemon_(path_) {
+    daemon_.set_log_sink([this](const std::string &line) {
+      std::lock_guard<std::mutex> lock(lines_mu_);
+      lines_.push_back(line);
+    });
+  }
+
+  // Connects a client and reads its greeting.
+  void connect(RawClient &client) {
+    ASSERT_EQ(0, client.connect(path_));
+    ASSERT_TRUE(client.recv(kWait));
+  }
+
+  void SetUp() override {
+    ASSERT_EQ(0, daemon_.start()) << daemon_.last_error();
+    connect(client_);
+    ASSERT_TRUE(daemon_.wait_for_open_connections(1, kWait));
+  }
+
+  std::vector<std::string> lines() {
+    std::lock_guard<std::mutex> lock(lines_mu_);
+    return lines_;
+  }
+  bool has_line(const std::string &line) {
+    for (const std::string &l : lines()) {
+      if (l == line) return true;
+    }
+    return false;
+  }
+
+  static std::string next(RawClient &c) {
+    return c.recv(kWait).value_or("<none: " + std::to_string(c.last_code()) + ">");
+  }
+
+  std::string path_;
+  CloudDaemon daemon_;
+  RawClient client_;
+  std::mutex lines_mu_;
+  std::vector<std::string> lines_;
+};
+
+TEST_F(Commands, CloudRequestCarriesAFreshIdAndItsReplyIsRecorded) {
+  int id = 0;
+  EXPECT_EQ(1, daemon_.send_cloud_request("ping", vemo::cloudd::kAllConnections, &id));
+  EXPECT_EQ(1, id);
+  EXPECT_EQ("{\"inner_method\":\"cloud_request\",\"inner_id\":1,\"inner_params\":{\"request\":\"ping\"}}",
+            next(client_));
+  ASSERT_TRUE(client_.send("{\"inner_error_code\":0,\"inner_result\":{\"response\":\"pong\"},\"inner_id\":1}"));
+  std::optional<Received> reply = daemon_.wait_for_reply(1, kWait);
+  ASSERT_TRUE(reply);
+  EXPECT_TRUE(reply->is_reply());
+  EXPECT_EQ("pong", reply->response);
+  EXPECT_EQ(0, reply->error_code);
+  EXPECT_TRUE(has_line("answer 1 cloud_request 1 code=0 \"pong\"")) << ::testing::PrintToString(lines());
+
+  int second = 0;
+  daemon_.send_cloud_request("again", vemo::cloudd::kAllConnections, &second);
+  EXPECT_EQ(2, second);
+}
+
+TEST_F(Commands, CloudRequestIdStartIsConfigurableAndUnknownRepliesAreMarked) {
+  daemon_.set_next_cloud_request_id(0);
+  int id = -1;
+  daemon_.send_cloud_request("zero", vemo::cloudd::kAllConnections, &id);
+  EXPECT_EQ(0, id);
+  EXPECT_EQ("{\"inner_method\":\"cloud_request\",\"inner_id\":0,\"inner_params\":{\"request\":\"zero\"}}",
+            next(client_));
+  ASSERT_TRUE(client_.send("{\"inner_error_code\":0,\"inner_result\":{\"response\":\"late\"},\"inner_id\":77}"));
+  ASSERT_TRUE(daemon_.wait_for_reply(77, kWait));
+  EXPECT_TRUE(has_line("answer 1 cloud_request 77 (no such request outstanding) code=0 \"late\""))
+      << ::testing::PrintToString(lines());
+}
+
+TEST_F(Commands, HelloRequestAndResponse) {
+  EXPECT_EQ(1, daemon_.send_hello_request());
+  EXPECT_EQ("{\"inner_method\":\"request_of_hello_cloud\"}", next(client_));
+  ASSERT_TRUE(client_.send("{\"inner_error_code\":0,\"inner_result\":{\"response\":\"hi cloud\"}}"));
+  std::optional<Received> reply = daemon_.wait_for_hello_reply(kWait);
+  ASSERT_TRUE(reply);
+  EXPECT_FALSE(reply->has_id);
+  EXPECT_EQ("hi cloud", reply->response);
+  EXPECT_TRUE(has_line("answer 1 request_of_hello_cloud code=0 \"hi cloud\""));
+
+  EXPECT_EQ(1, daemon_.send_hello_response("hi device"));
+  EXPECT_EQ("{\"inner_method\":\"response_of_hello_cloud\",\"inner_params\":{\"response\":\"hi device\"}}",
+            next(client_));
+}
+
+TEST_F(Commands, ServerNotifyWithAnyType) {
+  EXPECT_EQ(1, daemon_.send_server_notify(1));
+  EXPECT_EQ("{\"inner_method\":\"server_notify\",\"inner_params\":{\"type\":1}}", next(client_));
+  EXPECT_EQ(1, daemon_.send_server_notify(-4));
+  EXPECT_EQ("{\"inner_method\":\"server_notify\",\"inner_params\":{\"type\":-4}}", next(client_));
+}
+
+TEST_F(Commands, RawTextGoesOutAsOneFrame) {
+  EXPECT_EQ(1, daemon_.send_text("this is {not json"));
+  EXPECT_EQ("this is {not json", next(client_));
+  EXPECT_EQ(1, daemon_.send_text(""));
+  EXPECT_EQ("", next(client_));
+  ASSERT_TRUE(daemon_.wait_for_sent([](const Sent &s) { return s.text.empty(); }, kWait));
+  EXPECT_TRUE(has_line("send 1 (not json) \"this is {not json\""));
+}
+
+TEST_F(Commands, DelayedTextArrivesLater) {
+  EXPECT_EQ(1, daemon_.send_text("{\"later\":1}", vemo::cloudd::kAllConnections, 100));
+  EXPECT_EQ(1, daemon_.send_text("{\"now\":1}"));
+  EXPECT_EQ("{\"now\":1}", next(client_));
+  EXPECT_EQ("{\"later\":1}", next(client_));
+}
+
+TEST_F(Commands, RawBytesAreWrittenWithoutAFrame) {
+  const std::string bytes("\xA1\xB3\x00\x00\x00\x01x", 7);
+  EXPECT_EQ(1, daemon_.send_bytes(bytes));
+  EXPECT_EQ(bytes, client_.recv_bytes(bytes.size(), kWait).value_or("<none>"));
+  std::optional<Sent> sent = daemon_.wait_for_sent([](const Sent &s) { return s.raw_bytes; }, kWait);
+  ASSERT_TRUE(sent);
+  EXPECT_EQ(bytes, sent->text);
+  EXPECT_TRUE(has_line("send 1 (bytes) a1b30000000178"));
+}
+
+TEST_F(Commands, CloseConnectionsClosesThemAndLogsIt) {
+  EXPECT_EQ(1, daemon_.close_connections());
+  EXPECT_TRUE(client_.wait_closed(kWait));
+  EXPECT_EQ(0, daemon_.open_connections());
+  EXPECT_TRUE(has_line("disconnected 1 (closed by the daemon)"));
+  // The daemon goes on accepting.
+  RawClient again;
+  connect(again);
+  EXPECT_EQ(2, daemon_.connections_seen());
+}
+
+TEST_F(Commands, CommandsWithNobodyToSendToReturnZero) {
+  EXPECT_EQ(0, daemon_.send_server_notify(0, 42));
+  client_.close();
+  ASSERT_TRUE(daemon_.wait_for_open_connections(0, kWait));
+  EXPECT_EQ(0, daemon_.send_hello_request());
+  EXPECT_EQ(0, daemon_.send_text("x"));
+  EXPECT_EQ(0, daemon_.send_bytes("x"));
+  EXPECT_EQ(0, daemon_.close_connections());
+  EXPECT_TRUE(has_line("disconnected 1 (closed by the client)"));
+}
+
+TEST_F(Commands, CommandsAfterStopDoNothing) {
+  daemon_.stop();
+  EXPECT_FALSE(daemon_.running());
+  EXPECT_EQ(0, daemon_.send_cloud_request("x"));
+  EXPECT_EQ(0, daemon_.send_server_notify(1));
+  EXPECT_EQ(0, daemon_.close_connections());
+  EXPECT_TRUE(client_.wait_closed(kWait));
+}
+
+TEST_F(Commands, TwoClientsAreServedApart) {
+  RawClient second;
+  connect(second);
+  ASSERT_TRUE(daemon_.wait_for_open_connections(2, kWait));
+  EXPECT_EQ((std::vector<int>{1, 2}), daemon_.open_connection_ids());
+
+  ASSERT_TRUE(second.send(device_request(5, "from two")));
+  ASSERT_TRUE(client_.send(device_request(5, "from one")));
+  std::string two_ack = next(second);
+  std::string one_ack = next(client_);
+  EXPECT_NE(two_ack, one_ack);  // distinct request ids
+  EXPECT_NE(std::string::npos, next(second).find("\"response\":\"from two\""));
+  EXPECT_NE(std::string::npos, next(client_).find("\"response\":\"from one\""));
+
+  // A command for all reaches both; one for connection 2 reaches it alone.
+  EXPECT_EQ(2, daemon_.send_server_notify(3));
+  EXPECT_EQ(1, daemon_.send_server_notify(4, 2));
+  EXPECT_EQ(1, daemon_.send_server_notify(5, 1));
+  EXPECT_EQ("{\"inner_method\":\"server_notify\",\"inner_params\":{\"type\":3}}", next(client_));
+  EXPECT_EQ("{\"inner_method\":\"server_notify\",\"inner_params\":{\"type\":5}}", next(client_));
+  EXPECT_EQ("{\"inner_method\":\"server_notify\",\"inner_params\":{\"type\":3}}", next(second));
+  EXPECT_EQ("{\"inner_method\":\"server_notify\",\"inner_params\":{\"type\":4}}", next(second));
+
+  std::optional<Received> from_two = daemon_.wait_for_message(
+      [](const Received &r) { return r.request == "from two"; }, kWait);
+  ASSERT_TRUE(from_two);
+  EXPECT_EQ(2, from_two->conn);
+}
+
+TEST_F(Commands, HandlerScriptsItsOwnAnswer) {
+  daemon_.set_handler([](CloudDaemon &d, const Received &msg) {
+    if (msg.method != "device_request") return false;
+    d.send_text("{\"inner_id\":" + std::to_string(msg.id) + ",\"inner_error_code\":-99}", msg.conn);
+    return true;
+  });
+  ASSERT_TRUE(client_.send(device_request(3, "scripted")));
+  EXPECT_EQ("{\"inner_id\":3,\"inner_error_code\":-99}", next(client_));
+  // Messages the handler declines get the daemon's own answer.
+  ASSERT_TRUE(client_.send("{\"inner_method\":\"reconnect_cloud\",\"inner_id\":4}"));
+  EXPECT_EQ("{\"inner_id\":4,\"inner_error_code\":0}", next(client_));
+  daemon_.set_handler(nullptr);
+  ASSERT_TRUE(client_.send(device_request(5, "own")));
+  EXPECT_EQ("{\"inner_id\":5,\"inner_error_code\":0,\"inner_result\":{\"id\":1000}}", next(client_));
+}
+
+TEST_F(Commands, HandlerMayStopTheDaemon) {
+  daemon_.set_handler([](CloudDaemon &d, const Received &) {
+    d.stop();
+    return true;
+  });
+  ASSERT_TRUE(client_.send("{\"inner_method\":\"reconnect_cloud\",\"inner_id\":1}"));
+  EXPECT_TRUE(client_.wait_closed(kWait));
+  daemon_.stop();  // collects the loop thread
+  EXPECT_FALSE(daemon_.running());
+  EXPECT_NE(0, access(path_.c_str(), F_OK));
+}
+
+TEST_F(Commands, LogLinesNameEveryEvent) {
+  ASSERT_TRUE(client_.send("{\"inner_method\":\"reconnect_cloud\",\"inner_id\":2}"));
+  next(client_);
+  client_.close();
+  ASSERT_TRUE(daemon_.wait_for_open_connections(0, kWait));
+  std::vector<std::string> expected = {
+      "listening on " + path_,
+      "connected 1",
+      "send 1 {\"inner_method\":\"server_notify\",\"inner_params\":{\"type\":0}}",
+      "recv 1 {\"inner_method\":\"reconnect_cloud\",\"inner_id\":2}",
+      "send 1 {\"inner_id\":2,\"inner_error_code\":0}",
+      "disconnected 1 (closed by the client)",
+  };
+  EXPECT_EQ(expected, lines());
+}
+
+TEST_F(Commands, ReceivedTextWithLineBreaksStaysOnOneLogLine) {
+  ASSERT_TRUE(client_.send("{\n\"inner_method\":\"reconnect_cloud\",\n\"inner_id\":2}"));
+  next(client_);
+  ASSERT_TRUE(client_.send("two\nlines"));
+  ASSERT_TRUE(daemon_.wait_for_message([](const Received &r) { return !r.json; }, kWait));
+  EXPECT_TRUE(has_line("recv 1 {\"inner_method\":\"reconnect_cloud\",\"inner_id\":2}"));
+  EXPECT_TRUE(has_line("recv 1 (not json) \"two\\nlines\""));
+}
+
+TEST_F(Commands, BadFrameFromAClientClosesThatConnection) {
+  RawClient other;
+  connect(other);
+  const std::string bad("\x12\x34\x00\x00\x00\x01x", 7);
+  ASSERT_EQ(static_cast<ssize_t>(bad.size()), write(client_.fd(), bad.data(), bad.size()));
+  EXPECT_TRUE(client_.wait_closed(kWait));
+  EXPECT_TRUE(has_line("disconnected 1 (receive failed, code=" + std::to_string(VEMO_ERR_BAD_FORMAT) + ")"))
+      << ::testing::PrintToString(lines());
+  // The other connection is untouched.
+  ASSERT_TRUE(other.send("{\"inner_method\":\"reconnect_cloud\",\"inner_id\":1}"));
+  EXPECT_EQ("{\"inner_id\":1,\"inner_error_code\":0}", next(other));
+}
+
+TEST_F(Commands, ResponseForAClosedConnectionIsDroppedQuietly) {
+  daemon_.set_response_delay_ms(100);
+  ASSERT_TRUE(client_.send(device_request(1, "gone")));
+  next(client_);  // the acknowledgement
+  client_.close();
+  ASSERT_TRUE(daemon_.wait_for_open_connections(0, kWait));
+  // The response's timer fires into a closed connection; the daemon serves on.
+  RawClient again;
+  connect(again);
+  ASSERT_TRUE(again.send(device_request(2, "here")));
+  EXPECT_EQ("{\"inner_id\":2,\"inner_error_code\":0,\"inner_result\":{\"id\":1001}}", next(again));
+  EXPECT_EQ("{\"inner_error_code\":0,\"inner_result\":{\"id\":1001,\"response\":\"here\"}}", next(again));
+}
+
+}  // namespace
