@@ -299,6 +299,7 @@ TEST_F(TaskPool, IsOwnThreadOnlyInsideATaskOfThatPool) {
   ASSERT_EQ(task_pool_add(pool, check_own, nullptr, &c), VEMO_OK);
   task_pool_destroy(pool);
   task_pool_destroy(other);
+  ASSERT_TRUE(threads_done_.wait_for(1));
   EXPECT_TRUE(c.own);
   EXPECT_FALSE(c.other_own);
 }
