@@ -1,4 +1,5 @@
 #include <pthread.h>
+#include <string.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -17,9 +18,14 @@ bool format_timestamp(const struct timeval &tv, char out[kTimestampSize]) {
   time_t seconds = tv.tv_sec;
   // Reentrant: every logging thread converts into its own structure.
   if (localtime_r(&seconds, &local) == nullptr) return false;
-  snprintf(out, kTimestampSize, "%04d-%02d-%02d %02d:%02d:%02d.%03d", local.tm_year + 1900,
+  // Formatted with room to spare (the compiler cannot bound the broken-down fields), then cut to
+  // the 23 characters that a valid time always has.
+  char wide[64];
+  snprintf(wide, sizeof wide, "%04d-%02d-%02d %02d:%02d:%02d.%03d", local.tm_year + 1900,
            local.tm_mon + 1, local.tm_mday, local.tm_hour, local.tm_min, local.tm_sec,
            static_cast<int>(tv.tv_usec / 1000));
+  memcpy(out, wide, kTimestampSize - 1);
+  out[kTimestampSize - 1] = '\0';
   return true;
 }
 
@@ -38,7 +44,7 @@ void log_write(FILE *stream, const char *timestamp, const char *level, const cha
             function);
   }
   vfprintf(stream, format, args);
-  putc_unlocked('\n', stream);
+  putc('\n', stream);
   funlockfile(stream);
 }
 
