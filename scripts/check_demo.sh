@@ -1,0 +1,37 @@
+#!/usr/bin/env bash
+# check_demo.sh DAEMON DEMO [valgrind]: runs the example application against the reference
+# daemon on /tmp/cloud_svr and fails when the demo fails (or, with valgrind, when it leaks or
+# touches memory it must not).
+set -euo pipefail
+daemon=$1 demo=$2 mode=${3:-}
+work=$(mktemp -d)
+fifo="$work/commands"
+mkfifo "$fifo"
+exec 3<>"$fifo"
+"$daemon" --quiet <&3 >"$work/daemon.log" 2>&1 &
+daemon_pid=$!
+cleanup() {
+  echo quit >&3 || true
+  wait "$daemon_pid" 2>/dev/null || true
+  rm -rf "$work"
+}
+trap cleanup EXIT
+for _ in $(seq 200); do
+  [ -S /tmp/cloud_svr ] && break
+  sleep 0.05
+done
+runner=()
+if [ "$mode" = valgrind ]; then
+  runner=(valgrind --quiet --leak-check=full --show-leak-kinds=definite,indirect,possible
+          --errors-for-leak-kinds=definite,indirect,possible --error-exitcode=99)
+fi
+set +e
+"${runner[@]}" "$demo" "$fifo" >"$work/demo.log" 2>&1
+rc=$?
+set -e
+grep '^demo:' "$work/demo.log" || true
+if [ $rc -ne 0 ]; then
+  echo "demo failed with status $rc; its whole output:"
+  cat "$work/demo.log"
+fi
+exit $rc
