@@ -56,11 +56,12 @@ class Commands : public ::testing::Test {
     return c.recv(kWait).value_or("<none: " + std::to_string(c.last_code()) + ">");
   }
 
+  // Declared before the daemon: it logs into them until it has stopped.
+  std::mutex lines_mu_;
+  std::vector<std::string> lines_;
   std::string path_;
   CloudDaemon daemon_;
   RawClient client_;
-  std::mutex lines_mu_;
-  std::vector<std::string> lines_;
 };
 
 TEST_F(Commands, CloudRequestCarriesAFreshIdAndItsReplyIsRecorded) {
