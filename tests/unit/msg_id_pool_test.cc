@@ -588,9 +588,10 @@ TEST_F(MsgIdPool, CloseDoesNotCutARunningHookShort) {
     got.store(vemo::msg_id_wait_result(pool, id, get_tick_count(), 60000, nullptr));
     probe.holder_returned.store(true);
   });
+  ASSERT_TRUE(eventually([&] { return vemo::msg_id_pool_waiting_holders(pool) == 1; }));
   std::thread deliverer([&] { vemo::msg_id_deliver(pool, id, 42); });
   ASSERT_TRUE(eventually([&] { return probe.entered.load(); }));
-  vemo::msg_id_pool_close(pool);
+  vemo::msg_id_pool_close(pool);  // wakes the holder while the hook runs
   gate.open();
   holder.join();
   deliverer.join();
