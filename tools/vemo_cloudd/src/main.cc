@@ -132,23 +132,24 @@ int main(int argc, char **argv) {
   if (!opts.quiet) {
     daemon.set_log_sink([](const std::string &line) { printf("%s\n", line.c_str()); });
   }
-  if (daemon.start() != 0) {
-    fprintf(stderr, "vemo_cloudd: %s\n", daemon.last_error().c_str());
-    return kExitServe;
-  }
-
   std::vector<LineSource> sources;
   sources.push_back({"standard input", STDIN_FILENO, std::string()});
+  // The FIFO is ready before the daemon announces that it listens, so whoever waits for that
+  // line may write to it at once.
   bool made_control = false;
   int control_writer = -1;
   if (!opts.control.empty()) {
     int fd = open_control(opts.control, &made_control, &control_writer, &error);
     if (fd < 0) {
       fprintf(stderr, "vemo_cloudd: %s\n", error.c_str());
-      daemon.stop();
       return kExitServe;
     }
     sources.push_back({"control FIFO", fd, std::string()});
+  }
+  if (daemon.start() != 0) {
+    fprintf(stderr, "vemo_cloudd: %s\n", daemon.last_error().c_str());
+    if (made_control) unlink(opts.control.c_str());
+    return kExitServe;
   }
 
   bool quit = false;

@@ -109,6 +109,8 @@ TEST_F(Process, SessionDrivenFromStandardInput) {
   EXPECT_EQ("not json", client.recv(kWait).value_or("<none>"));
   ASSERT_TRUE(p.write_line("bytes a1b2 0000 0002 7b7d"));
   EXPECT_EQ("{}", client.recv(kWait).value_or("<none>"));
+  ASSERT_TRUE(p.write_line("help"));
+  EXPECT_TRUE(p.wait_for_line_starting("commands ([@N] addresses connection N only):", kWait));
   ASSERT_TRUE(p.write_line("no_such_command"));
   ASSERT_TRUE(p.write_line("status"));
   EXPECT_TRUE(p.wait_for_line_starting("status: 1 open (1), 1 seen", kWait));
@@ -181,7 +183,8 @@ TEST_F(Process, LastLineWithoutNewlineStillCounts) {
   DaemonProcess p({"--socket", path_});
   RawClient client;
   serve_and_connect(p, client);
-  ASSERT_TRUE(p.write_line("notify 4\nquit"));  // "quit\n" arrives; make the last one bare:
+  ASSERT_TRUE(p.write_text("notify 4\nquit"));
+  p.close_stdin();
   EXPECT_EQ("{\"inner_method\":\"server_notify\",\"inner_params\":{\"type\":4}}",
             client.recv(kWait).value_or("<none>"));
   EXPECT_EQ(0, exit_code(p.wait_exit(kWait)));
@@ -225,6 +228,16 @@ TEST_F(Process, ControlPathThatIsNoFifoIsRefused) {
             p.all_stderr().find("vemo_cloudd: the control path " + ctl + " exists and is not a FIFO"));
   EXPECT_FALSE(exists(path_));
   unlink(ctl.c_str());
+}
+
+TEST_F(Process, ControlFifoIsRemovedWhenTheSocketCannotBeServed) {
+  const std::string ctl = path_ + ".ctl";
+  unlink(ctl.c_str());
+  { std::ofstream(path_) << "not a socket"; }
+  DaemonProcess p({"--socket", path_, "--control", ctl});
+  EXPECT_EQ(1, exit_code(p.wait_exit(kWait)));
+  EXPECT_FALSE(exists(ctl));
+  EXPECT_TRUE(exists(path_));
 }
 
 TEST_F(Process, QuietPrintsNoMessageLines) {

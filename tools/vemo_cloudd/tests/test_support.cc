@@ -135,8 +135,9 @@ DaemonProcess::~DaemonProcess() {
   if (err_ >= 0) ::close(err_);
 }
 
-bool DaemonProcess::write_line(const std::string &line) {
-  std::string data = line + "\n";
+bool DaemonProcess::write_line(const std::string &line) { return write_text(line + "\n"); }
+
+bool DaemonProcess::write_text(const std::string &data) {
   std::size_t done = 0;
   while (done < data.size()) {
     ssize_t n = write(in_, data.data() + done, data.size() - done);

@@ -57,7 +57,8 @@ class DaemonProcess {
 
   bool started() const { return pid_ > 0; }
   pid_t pid() const { return pid_; }
-  bool write_line(const std::string &line);
+  bool write_text(const std::string &text);  // to the child's standard input, as it is
+  bool write_line(const std::string &line);  // the same with a newline
   void close_stdin();
   // The first line of standard output (from the start, lines read so far included) that
   // satisfies pred.
