@@ -8,7 +8,8 @@
  *   until the id is returned or the pool is destroyed. Its result field is shared between
  *   threads: read and write it with atomic operations.
  * - Any thread may call any function except msg_id_pool_destroy, which must run last.
- * - Failures are logged. Codes: VEMO_ERR_INVALID_ARG, VEMO_ERR_NO_RESOURCE.
+ * - Failures are logged. Codes: VEMO_ERR_INVALID_ARG, VEMO_ERR_NO_RESOURCE, and
+ *   VEMO_ERR_DISCONNECTED from a take once the library has closed the pool for its teardown.
  */
 #ifndef VEMO_MSG_ID_POOL_H
 #define VEMO_MSG_ID_POOL_H

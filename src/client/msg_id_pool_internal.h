@@ -28,18 +28,25 @@ int msg_id_take(msg_id_pool_t *pool, const msg_data_t *data, const MsgDeliverHoo
 
 // Writes value into the record of id and wakes its holder. 0, or VEMO_ERR_NOT_FOUND when id is
 // not in use (an id out of range is logged as by msg_id_pool_get_data; an idle one silently).
+// The hook runs for the first answer only; the holder gets the answer its hook saw. A later
+// duplicate overwrites the result without a hook.
 int msg_id_deliver(msg_id_pool_t *pool, int id, int value);
 
 // Waits for the answer of the held id. timeout_ms of 0 or less gives VEMO_ERR_TIMEOUT at once,
 // without looking at the record. Otherwise returns the answer as soon as it is written,
 // VEMO_ERR_TIMEOUT once timeout_ms have passed since start_tick, or VEMO_ERR_DISCONNECTED when
-// the pool is closed. hook_status (may be null) receives the hook's result, 0 when none ran.
-// The id stays held: the caller returns it with msg_id_put_to_idle.
+// the pool is closed. VEMO_ERR_NO_ANSWER when id is not held (no record; out of range is logged
+// as by msg_id_pool_get_data). hook_status (may be null) receives the hook's result, 0 when none
+// ran. While a hook of the id runs, neither the clock nor a close ends the wait.
+// The id stays held: the caller returns it with msg_id_put_to_idle, which itself waits for a
+// hook of that id still running (so a holder that gave up at once never frees the hook's ctx
+// under it).
 int msg_id_wait_result(msg_id_pool_t *pool, int id, uint32_t start_tick, int32_t timeout_ms,
                        int *hook_status);
 
-// Wakes every holder and taker (they get VEMO_ERR_DISCONNECTED) and refuses later takes. The
-// pool stays valid until msg_id_pool_destroy.
+// Wakes every holder and taker (they get VEMO_ERR_DISCONNECTED) and refuses later takes, through
+// msg_id_get_from_idle too. The pool stays valid until msg_id_pool_destroy, which must come
+// after every woken thread has left the pool's functions.
 void msg_id_pool_close(msg_id_pool_t *pool);
 
 }  // namespace vemo

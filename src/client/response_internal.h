@@ -11,7 +11,10 @@ namespace vemo {
 // The synchronous wait: collects as response_data_get_response (same codes and log lines),
 // sleeping on a condition between attempts instead of polling. The first attempt comes before
 // the clock is read; then VEMO_ERR_TIMEOUT once timeout_ms have passed since start_tick, or
-// VEMO_ERR_DISCONNECTED when the list has been closed.
+// VEMO_ERR_DISCONNECTED when the list has been closed. Only the response of id wakes the
+// waiter; when its entry is removed meanwhile (collected elsewhere, cleared, or replaced by a
+// new entry of the same id) it looks again at once and reports VEMO_ERR_NOT_FOUND, or goes on
+// waiting on the replacement.
 int response_data_wait_response(response_list_t *list, int id, uint32_t start_tick,
                                 int32_t timeout_ms, char **response);
 
