@@ -64,8 +64,8 @@ void CloudDaemon::Loop::answer_device_request(const Received &msg, const Behavio
                std::to_string(request_id));
       return;
     }
-    const std::string response =
-        b.response_code != 0 ? make_failed_response(b.response_code) : make_response(request_id, text);
+    const std::string response = b.response_code != 0 ? make_failed_response(b.response_code)
+                                                      : make_response(request_id, text);
     for (int i = 0; i <= b.duplicate_responses; ++i) {
       if (!send_frame(conn, response)) break;
     }

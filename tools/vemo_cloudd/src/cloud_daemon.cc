@@ -183,11 +183,11 @@ std::string CloudDaemon::last_error() const {
 
 Behaviour CloudDaemon::behaviour() const { return state_->behaviour_snapshot(); }
 
-#define VEMO_CLOUDD_SET(stmt)        \
-  do {                               \
-    MutexLock lock(state_->mu);      \
+#define VEMO_CLOUDD_SET(stmt)         \
+  do {                                \
+    MutexLock lock(state_->mu);       \
     Behaviour &b = state_->behaviour; \
-    stmt;                            \
+    stmt;                             \
   } while (0)
 
 void CloudDaemon::set_behaviour(const Behaviour &value) { VEMO_CLOUDD_SET(b = value); }
@@ -247,7 +247,8 @@ int CloudDaemon::send_cloud_request(const std::string &text, int conn, int *id) 
 }
 
 int CloudDaemon::send_hello_request(int conn) {
-  return state_->run_on_loop([&](Loop &loop) { return loop.send_to(conn, make_hello_request(), 0); });
+  return state_->run_on_loop(
+      [&](Loop &loop) { return loop.send_to(conn, make_hello_request(), 0); });
 }
 
 int CloudDaemon::send_hello_response(const std::string &text, int conn) {

@@ -123,7 +123,7 @@ class CloudDaemon::Loop {
   const std::string path_;
   const FileId bound_;
   bool ran_ = false;
-  std::map<int, int> conns_;  // connection id -> descriptor
+  std::map<int, int> conns_;                                        // connection id -> descriptor
   std::multimap<Clock::time_point, std::function<void()>> timers_;  // equal times keep order
   bool accept_paused_ = false;
   std::set<int> outstanding_cloud_ids_;

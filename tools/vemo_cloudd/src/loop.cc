@@ -211,8 +211,8 @@ std::vector<int> CloudDaemon::Loop::targets(int conn) const {
 bool CloudDaemon::Loop::send_frame(int conn, const std::string &text) {
   auto it = conns_.find(conn);
   if (it == conns_.end()) {
-    st_.emit("error " + conn_text(conn) + " not sent, the connection is closed: " +
-             describe_payload(text));
+    st_.emit("error " + conn_text(conn) +
+             " not sent, the connection is closed: " + describe_payload(text));
     return false;
   }
   int rc = ipc_socket_send(it->second, text.c_str());

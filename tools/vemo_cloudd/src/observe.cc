@@ -91,13 +91,12 @@ std::optional<Received> CloudDaemon::wait_for_message(
 
 std::optional<Received> CloudDaemon::wait_for_method(const std::string &method, int timeout_ms,
                                                      std::size_t from) {
-  return wait_for_message([&](const Received &r) { return r.method == method; }, timeout_ms,
-                          from);
+  return wait_for_message([&](const Received &r) { return r.method == method; }, timeout_ms, from);
 }
 
 std::optional<Received> CloudDaemon::wait_for_reply(int id, int timeout_ms) {
-  return wait_for_message([id](const Received &r) { return r.is_reply() && r.has_id && r.id == id; },
-                          timeout_ms);
+  return wait_for_message(
+      [id](const Received &r) { return r.is_reply() && r.has_id && r.id == id; }, timeout_ms);
 }
 
 std::optional<Received> CloudDaemon::wait_for_hello_reply(int timeout_ms, std::size_t from) {

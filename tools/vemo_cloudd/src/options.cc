@@ -23,48 +23,47 @@ bool parse_int(const std::string &text, int *out) {
 }
 
 std::string usage_text() {
-  return
-      "Usage: vemo_cloudd [OPTION]...\n"
-      "Reference cloud-service daemon: serves the vemo client protocol on a Unix socket and\n"
-      "plays the cloud, so that applications can be run and tested without a device.\n"
-      "\n"
-      "Options:\n"
-      "  --socket PATH              socket to serve (default /tmp/cloud_svr)\n"
-      "  --delay MS                 delay of a response after its acknowledgement (default 10)\n"
-      "  --ack-delay MS             delay of every acknowledgement (default 0)\n"
-      "  --response-mode MODE       echo (the request text, default) or fixed:TEXT\n"
-      "  --response-code CODE       answer every request with a failed response of CODE\n"
-      "  --ack-code METHOD=CODE     inner_error_code of the acknowledgements of METHOD:\n"
-      "                             device_request, register_callback, unregister_callback,\n"
-      "                             reconnect_cloud (repeatable; default 0)\n"
-      "  --drop-ack                 send no acknowledgements\n"
-      "  --drop-response            send no responses\n"
-      "  --duplicates N             send every response N more times\n"
-      "  --greeting-type N          type of the server_notify greeting (default 0)\n"
-      "  --greeting-delay MS        send the greeting MS after the connection (default 0)\n"
-      "  --no-greeting              send no greeting\n"
-      "  --first-request-id N       request id of the first device_request (default 1000)\n"
-      "  --first-cloud-id N         inner_id of the first cloud_request (default 1)\n"
-      "  --control FIFO             also read command lines from FIFO (made if missing)\n"
-      "  --quiet                    print no message lines, only errors\n"
-      "  -h, --help                 print this help and exit\n"
-      "\n"
-      "Commands, one per line on standard input (or the control FIFO); prefix one with @N to\n"
-      "address connection N only:\n"
-      "  cloud_request TEXT         send a cloud_request with TEXT\n"
-      "  hello_request              send a request_of_hello_cloud\n"
-      "  hello_response TEXT        send a response_of_hello_cloud with TEXT\n"
-      "  notify TYPE                send a server_notify of TYPE (1 tears the client down)\n"
-      "  raw TEXT                   send TEXT as one frame, JSON or not\n"
-      "  bytes HEX                  write the bytes HEX with no frame around them\n"
-      "  close                      close the connections\n"
-      "  status                     print the connections\n"
-      "  help                       list the commands\n"
-      "  quit                       stop\n"
-      "\n"
-      "Every message received and sent is printed on standard output, one line each.\n"
-      "Exit status: 0 after quit, SIGINT or SIGTERM; 1 when the socket cannot be served;\n"
-      "2 for a bad command line.\n";
+  return "Usage: vemo_cloudd [OPTION]...\n"
+         "Reference cloud-service daemon: serves the vemo client protocol on a Unix socket and\n"
+         "plays the cloud, so that applications can be run and tested without a device.\n"
+         "\n"
+         "Options:\n"
+         "  --socket PATH              socket to serve (default /tmp/cloud_svr)\n"
+         "  --delay MS                 delay of a response after its acknowledgement (default 10)\n"
+         "  --ack-delay MS             delay of every acknowledgement (default 0)\n"
+         "  --response-mode MODE       echo (the request text, default) or fixed:TEXT\n"
+         "  --response-code CODE       answer every request with a failed response of CODE\n"
+         "  --ack-code METHOD=CODE     inner_error_code of the acknowledgements of METHOD:\n"
+         "                             device_request, register_callback, unregister_callback,\n"
+         "                             reconnect_cloud (repeatable; default 0)\n"
+         "  --drop-ack                 send no acknowledgements\n"
+         "  --drop-response            send no responses\n"
+         "  --duplicates N             send every response N more times\n"
+         "  --greeting-type N          type of the server_notify greeting (default 0)\n"
+         "  --greeting-delay MS        send the greeting MS after the connection (default 0)\n"
+         "  --no-greeting              send no greeting\n"
+         "  --first-request-id N       request id of the first device_request (default 1000)\n"
+         "  --first-cloud-id N         inner_id of the first cloud_request (default 1)\n"
+         "  --control FIFO             also read command lines from FIFO (made if missing)\n"
+         "  --quiet                    print no message lines, only errors\n"
+         "  -h, --help                 print this help and exit\n"
+         "\n"
+         "Commands, one per line on standard input (or the control FIFO); prefix one with @N to\n"
+         "address connection N only:\n"
+         "  cloud_request TEXT         send a cloud_request with TEXT\n"
+         "  hello_request              send a request_of_hello_cloud\n"
+         "  hello_response TEXT        send a response_of_hello_cloud with TEXT\n"
+         "  notify TYPE                send a server_notify of TYPE (1 tears the client down)\n"
+         "  raw TEXT                   send TEXT as one frame, JSON or not\n"
+         "  bytes HEX                  write the bytes HEX with no frame around them\n"
+         "  close                      close the connections\n"
+         "  status                     print the connections\n"
+         "  help                       list the commands\n"
+         "  quit                       stop\n"
+         "\n"
+         "Every message received and sent is printed on standard output, one line each.\n"
+         "Exit status: 0 after quit, SIGINT or SIGTERM; 1 when the socket cannot be served;\n"
+         "2 for a bad command line.\n";
 }
 
 namespace {
@@ -121,12 +120,11 @@ int parse_options(int argc, const char *const *argv, CliOptions *out, std::strin
       *error = "option " + arg + " expects " + what + ", got '" + value + "'";
       return -1;
     };
-    const bool takes_value = arg == "--socket" || arg == "--delay" || arg == "--ack-delay" ||
-                             arg == "--response-mode" || arg == "--response-code" ||
-                             arg == "--ack-code" || arg == "--duplicates" ||
-                             arg == "--greeting-type" || arg == "--greeting-delay" ||
-                             arg == "--first-request-id" || arg == "--first-cloud-id" ||
-                             arg == "--control";
+    const bool takes_value =
+        arg == "--socket" || arg == "--delay" || arg == "--ack-delay" || arg == "--response-mode" ||
+        arg == "--response-code" || arg == "--ack-code" || arg == "--duplicates" ||
+        arg == "--greeting-type" || arg == "--greeting-delay" || arg == "--first-request-id" ||
+        arg == "--first-cloud-id" || arg == "--control";
     const bool switch_option = arg == "-h" || arg == "--help" || arg == "--drop-ack" ||
                                arg == "--drop-response" || arg == "--no-greeting" ||
                                arg == "--quiet";

@@ -40,8 +40,8 @@ bool read_string(const cJSON *obj, const char *key, std::string *out) {
 }  // namespace
 
 bool is_client_method(const std::string &method) {
-  return method == kDeviceRequest || method == kRegisterCallback ||
-         method == kUnregisterCallback || method == kReconnectCloud;
+  return method == kDeviceRequest || method == kRegisterCallback || method == kUnregisterCallback ||
+         method == kReconnectCloud;
 }
 
 std::string make_ack(int id, int code, const int *request_id) {

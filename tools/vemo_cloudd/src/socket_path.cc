@@ -50,8 +50,7 @@ int prepare_socket_path(const std::string &path, std::string *error) {
   }
   if (path.size() >= sizeof(((struct sockaddr_un *)nullptr)->sun_path)) {
     *error = "the socket path " + path + " is too long (at most " +
-             std::to_string(sizeof(((struct sockaddr_un *)nullptr)->sun_path) - 1) +
-             " characters)";
+             std::to_string(sizeof(((struct sockaddr_un *)nullptr)->sun_path) - 1) + " characters)";
     return -1;
   }
   struct stat st;

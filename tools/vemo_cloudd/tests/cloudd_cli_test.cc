@@ -41,12 +41,33 @@ TEST(CliOptions, DefaultsMatchTheDaemonsDefaults) {
 TEST(CliOptions, EveryOptionSetsItsField) {
   CliOptions opts;
   std::string error;
-  ASSERT_EQ(0, parse({"--socket", "/tmp/x.sock", "--delay=25", "--ack-delay", "5",
-                      "--response-mode", "fixed:a b:c", "--response-code", "-9", "--ack-code",
-                      "device_request=-1", "--ack-code=reconnect_cloud=-2", "--drop-ack",
-                      "--drop-response", "--duplicates", "2", "--greeting-type", "3",
-                      "--greeting-delay", "40", "--first-request-id", "-5", "--first-cloud-id",
-                      "9", "--control", "/tmp/ctl", "--quiet"},
+  ASSERT_EQ(0, parse({"--socket",
+                      "/tmp/x.sock",
+                      "--delay=25",
+                      "--ack-delay",
+                      "5",
+                      "--response-mode",
+                      "fixed:a b:c",
+                      "--response-code",
+                      "-9",
+                      "--ack-code",
+                      "device_request=-1",
+                      "--ack-code=reconnect_cloud=-2",
+                      "--drop-ack",
+                      "--drop-response",
+                      "--duplicates",
+                      "2",
+                      "--greeting-type",
+                      "3",
+                      "--greeting-delay",
+                      "40",
+                      "--first-request-id",
+                      "-5",
+                      "--first-cloud-id",
+                      "9",
+                      "--control",
+                      "/tmp/ctl",
+                      "--quiet"},
                      &opts, &error))
       << error;
   const auto &b = opts.behaviour;
@@ -100,12 +121,32 @@ TEST(CliOptions, BadOptionsNameTheirFault) {
 
 TEST(CliOptions, UsageNamesEveryOptionAndCommand) {
   const std::string usage = vemo::cloudd::usage_text();
-  for (const char *word :
-       {"--socket", "--delay", "--ack-delay", "--response-mode", "--response-code", "--ack-code",
-        "--drop-ack", "--drop-response", "--duplicates", "--greeting-type", "--greeting-delay",
-        "--no-greeting", "--first-request-id", "--first-cloud-id", "--control", "--quiet",
-        "--help", "cloud_request TEXT", "hello_request", "hello_response TEXT", "notify TYPE",
-        "raw TEXT", "bytes HEX", "close", "status", "quit"}) {
+  for (const char *word : {"--socket",
+                           "--delay",
+                           "--ack-delay",
+                           "--response-mode",
+                           "--response-code",
+                           "--ack-code",
+                           "--drop-ack",
+                           "--drop-response",
+                           "--duplicates",
+                           "--greeting-type",
+                           "--greeting-delay",
+                           "--no-greeting",
+                           "--first-request-id",
+                           "--first-cloud-id",
+                           "--control",
+                           "--quiet",
+                           "--help",
+                           "cloud_request TEXT",
+                           "hello_request",
+                           "hello_response TEXT",
+                           "notify TYPE",
+                           "raw TEXT",
+                           "bytes HEX",
+                           "close",
+                           "status",
+                           "quit"}) {
     EXPECT_NE(std::string::npos, usage.find(word)) << word;
   }
 }

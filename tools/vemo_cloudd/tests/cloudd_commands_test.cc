@@ -68,15 +68,18 @@ TEST_F(Commands, CloudRequestCarriesAFreshIdAndItsReplyIsRecorded) {
   int id = 0;
   EXPECT_EQ(1, daemon_.send_cloud_request("ping", vemo::cloudd::kAllConnections, &id));
   EXPECT_EQ(1, id);
-  EXPECT_EQ("{\"inner_method\":\"cloud_request\",\"inner_id\":1,\"inner_params\":{\"request\":\"ping\"}}",
-            next(client_));
-  ASSERT_TRUE(client_.send("{\"inner_error_code\":0,\"inner_result\":{\"response\":\"pong\"},\"inner_id\":1}"));
+  EXPECT_EQ(
+      "{\"inner_method\":\"cloud_request\",\"inner_id\":1,\"inner_params\":{\"request\":\"ping\"}}",
+      next(client_));
+  ASSERT_TRUE(client_.send(
+      "{\"inner_error_code\":0,\"inner_result\":{\"response\":\"pong\"},\"inner_id\":1}"));
   std::optional<Received> reply = daemon_.wait_for_reply(1, kWait);
   ASSERT_TRUE(reply);
   EXPECT_TRUE(reply->is_reply());
   EXPECT_EQ("pong", reply->response);
   EXPECT_EQ(0, reply->error_code);
-  EXPECT_TRUE(has_line("answer 1 cloud_request 1 code=0 \"pong\"")) << ::testing::PrintToString(lines());
+  EXPECT_TRUE(has_line("answer 1 cloud_request 1 code=0 \"pong\""))
+      << ::testing::PrintToString(lines());
 
   int second = 0;
   daemon_.send_cloud_request("again", vemo::cloudd::kAllConnections, &second);
@@ -88,9 +91,11 @@ TEST_F(Commands, CloudRequestIdStartIsConfigurableAndUnknownRepliesAreMarked) {
   int id = -1;
   daemon_.send_cloud_request("zero", vemo::cloudd::kAllConnections, &id);
   EXPECT_EQ(0, id);
-  EXPECT_EQ("{\"inner_method\":\"cloud_request\",\"inner_id\":0,\"inner_params\":{\"request\":\"zero\"}}",
-            next(client_));
-  ASSERT_TRUE(client_.send("{\"inner_error_code\":0,\"inner_result\":{\"response\":\"late\"},\"inner_id\":77}"));
+  EXPECT_EQ(
+      "{\"inner_method\":\"cloud_request\",\"inner_id\":0,\"inner_params\":{\"request\":\"zero\"}}",
+      next(client_));
+  ASSERT_TRUE(client_.send(
+      "{\"inner_error_code\":0,\"inner_result\":{\"response\":\"late\"},\"inner_id\":77}"));
   ASSERT_TRUE(daemon_.wait_for_reply(77, kWait));
   EXPECT_TRUE(has_line("answer 1 cloud_request 77 (no such request outstanding) code=0 \"late\""))
       << ::testing::PrintToString(lines());
@@ -99,7 +104,8 @@ TEST_F(Commands, CloudRequestIdStartIsConfigurableAndUnknownRepliesAreMarked) {
 TEST_F(Commands, HelloRequestAndResponse) {
   EXPECT_EQ(1, daemon_.send_hello_request());
   EXPECT_EQ("{\"inner_method\":\"request_of_hello_cloud\"}", next(client_));
-  ASSERT_TRUE(client_.send("{\"inner_error_code\":0,\"inner_result\":{\"response\":\"hi cloud\"}}"));
+  ASSERT_TRUE(
+      client_.send("{\"inner_error_code\":0,\"inner_result\":{\"response\":\"hi cloud\"}}"));
   std::optional<Received> reply = daemon_.wait_for_hello_reply(kWait);
   ASSERT_TRUE(reply);
   EXPECT_FALSE(reply->has_id);
@@ -107,8 +113,10 @@ TEST_F(Commands, HelloRequestAndResponse) {
   EXPECT_TRUE(has_line("answer 1 request_of_hello_cloud code=0 \"hi cloud\""));
 
   EXPECT_EQ(1, daemon_.send_hello_response("hi device"));
-  EXPECT_EQ("{\"inner_method\":\"response_of_hello_cloud\",\"inner_params\":{\"response\":\"hi device\"}}",
-            next(client_));
+  EXPECT_EQ(
+      "{\"inner_method\":\"response_of_hello_cloud\",\"inner_params\":{\"response\":\"hi "
+      "device\"}}",
+      next(client_));
 }
 
 TEST_F(Commands, ServerNotifyWithAnyType) {
@@ -138,7 +146,8 @@ TEST_F(Commands, RawBytesAreWrittenWithoutAFrame) {
   const std::string bytes("\xA1\xB3\x00\x00\x00\x01x", 7);
   EXPECT_EQ(1, daemon_.send_bytes(bytes));
   EXPECT_EQ(bytes, client_.recv_bytes(bytes.size(), kWait).value_or("<none>"));
-  std::optional<Sent> sent = daemon_.wait_for_sent([](const Sent &s) { return s.raw_bytes; }, kWait);
+  std::optional<Sent> sent =
+      daemon_.wait_for_sent([](const Sent &s) { return s.raw_bytes; }, kWait);
   ASSERT_TRUE(sent);
   EXPECT_EQ(bytes, sent->text);
   EXPECT_TRUE(has_line("send 1 (bytes) a1b30000000178"));
@@ -198,8 +207,8 @@ TEST_F(Commands, TwoClientsAreServedApart) {
   EXPECT_EQ("{\"inner_method\":\"server_notify\",\"inner_params\":{\"type\":3}}", next(second));
   EXPECT_EQ("{\"inner_method\":\"server_notify\",\"inner_params\":{\"type\":4}}", next(second));
 
-  std::optional<Received> from_two = daemon_.wait_for_message(
-      [](const Received &r) { return r.request == "from two"; }, kWait);
+  std::optional<Received> from_two =
+      daemon_.wait_for_message([](const Received &r) { return r.request == "from two"; }, kWait);
   ASSERT_TRUE(from_two);
   EXPECT_EQ(2, from_two->conn);
 }
@@ -217,7 +226,8 @@ TEST_F(Commands, HandlerScriptsItsOwnAnswer) {
   EXPECT_EQ("{\"inner_id\":4,\"inner_error_code\":0}", next(client_));
   daemon_.set_handler(nullptr);
   ASSERT_TRUE(client_.send(device_request(5, "own")));
-  EXPECT_EQ("{\"inner_id\":5,\"inner_error_code\":0,\"inner_result\":{\"id\":1000}}", next(client_));
+  EXPECT_EQ("{\"inner_id\":5,\"inner_error_code\":0,\"inner_result\":{\"id\":1000}}",
+            next(client_));
 }
 
 TEST_F(Commands, HandlerMayStopTheDaemon) {
@@ -263,7 +273,8 @@ TEST_F(Commands, BadFrameFromAClientClosesThatConnection) {
   const std::string bad("\x12\x34\x00\x00\x00\x01x", 7);
   ASSERT_EQ(static_cast<ssize_t>(bad.size()), write(client_.fd(), bad.data(), bad.size()));
   EXPECT_TRUE(client_.wait_closed(kWait));
-  EXPECT_TRUE(has_line("disconnected 1 (receive failed, code=" + std::to_string(VEMO_ERR_BAD_FORMAT) + ")"))
+  EXPECT_TRUE(
+      has_line("disconnected 1 (receive failed, code=" + std::to_string(VEMO_ERR_BAD_FORMAT) + ")"))
       << ::testing::PrintToString(lines());
   // The other connection is untouched.
   ASSERT_TRUE(other.send("{\"inner_method\":\"reconnect_cloud\",\"inner_id\":1}"));
@@ -281,7 +292,8 @@ TEST_F(Commands, ResponseForAClosedConnectionIsDroppedQuietly) {
   connect(again);
   ASSERT_TRUE(again.send(device_request(2, "here")));
   EXPECT_EQ("{\"inner_id\":2,\"inner_error_code\":0,\"inner_result\":{\"id\":1001}}", next(again));
-  EXPECT_EQ("{\"inner_error_code\":0,\"inner_result\":{\"id\":1001,\"response\":\"here\"}}", next(again));
+  EXPECT_EQ("{\"inner_error_code\":0,\"inner_result\":{\"id\":1001,\"response\":\"here\"}}",
+            next(again));
 }
 
 }  // namespace

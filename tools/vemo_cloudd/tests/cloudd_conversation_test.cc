@@ -31,7 +31,9 @@ class Conversation : public ::testing::Test {
     }
   }
 
-  std::string next() { return client_.recv(kWait).value_or("<none: " + std::to_string(client_.last_code()) + ">"); }
+  std::string next() {
+    return client_.recv(kWait).value_or("<none: " + std::to_string(client_.last_code()) + ">");
+  }
 
   std::string path_;
   CloudDaemon daemon_;
@@ -96,7 +98,8 @@ TEST_F(Conversation, FirstRequestIdAndFixedResponseAreConfigurable) {
   ASSERT_TRUE(client_.send(device_request(1, "ignored")));
   EXPECT_EQ("{\"inner_id\":1,\"inner_error_code\":0,\"inner_result\":{\"id\":-3}}", next());
   EXPECT_EQ(
-      "{\"inner_error_code\":0,\"inner_result\":{\"id\":-3,\"response\":\"{\\\"status\\\":\\\"ok\\\"}\"}}",
+      "{\"inner_error_code\":0,\"inner_result\":{\"id\":-3,\"response\":\"{\\\"status\\\":"
+      "\\\"ok\\\"}\"}}",
       next());
 }
 
@@ -114,7 +117,8 @@ TEST_F(Conversation, RefusedDeviceRequestGetsItsCodeAndNoResponse) {
 TEST_F(Conversation, DeviceRequestWithoutRequestTextIsRefusedAsMissingKey) {
   daemon_.set_response_delay_ms(0);
   start_and_connect();
-  ASSERT_TRUE(client_.send("{\"inner_method\":\"device_request\",\"inner_params\":{},\"inner_id\":2}"));
+  ASSERT_TRUE(
+      client_.send("{\"inner_method\":\"device_request\",\"inner_params\":{},\"inner_id\":2}"));
   EXPECT_EQ("{\"inner_id\":2,\"inner_error_code\":" + std::to_string(VEMO_ERR_MISSING_KEY) + "}",
             next());
   ASSERT_TRUE(client_.send("{\"inner_method\":\"reconnect_cloud\",\"inner_id\":3}"));
@@ -173,9 +177,12 @@ TEST_F(Conversation, AcknowledgementComesBeforeResponseWhateverTheDelays) {
   std::string frames[3] = {next(), next(), next()};
   std::size_t ack2 = 3, resp1 = 3, resp2 = 3;
   for (std::size_t i = 0; i < 3; ++i) {
-    if (frames[i] == "{\"inner_id\":2,\"inner_error_code\":0,\"inner_result\":{\"id\":1001}}") ack2 = i;
-    if (frames[i] == "{\"inner_error_code\":0,\"inner_result\":{\"id\":1000,\"response\":\"a\"}}") resp1 = i;
-    if (frames[i] == "{\"inner_error_code\":0,\"inner_result\":{\"id\":1001,\"response\":\"b\"}}") resp2 = i;
+    if (frames[i] == "{\"inner_id\":2,\"inner_error_code\":0,\"inner_result\":{\"id\":1001}}")
+      ack2 = i;
+    if (frames[i] == "{\"inner_error_code\":0,\"inner_result\":{\"id\":1000,\"response\":\"a\"}}")
+      resp1 = i;
+    if (frames[i] == "{\"inner_error_code\":0,\"inner_result\":{\"id\":1001,\"response\":\"b\"}}")
+      resp2 = i;
   }
   ASSERT_LT(ack2, 3u);
   ASSERT_LT(resp1, 3u);
@@ -189,7 +196,8 @@ TEST_F(Conversation, ResponseWaitsItsDelayAfterTheAcknowledgement) {
   ASSERT_TRUE(client_.send(device_request(1, "slow")));
   EXPECT_EQ("{\"inner_id\":1,\"inner_error_code\":0,\"inner_result\":{\"id\":1000}}", next());
   auto acked = std::chrono::steady_clock::now();
-  EXPECT_EQ("{\"inner_error_code\":0,\"inner_result\":{\"id\":1000,\"response\":\"slow\"}}", next());
+  EXPECT_EQ("{\"inner_error_code\":0,\"inner_result\":{\"id\":1000,\"response\":\"slow\"}}",
+            next());
   EXPECT_GE(std::chrono::steady_clock::now() - acked, std::chrono::milliseconds(150));
 }
 
@@ -198,8 +206,9 @@ TEST_F(Conversation, CallbackAndReconnectMethodsAreAcknowledgedWithTheirCodes) {
   daemon_.set_ack_code("unregister_callback", -12);
   daemon_.set_ack_code("reconnect_cloud", -13);
   start_and_connect();
-  ASSERT_TRUE(client_.send(
-      "{\"inner_method\":\"register_callback\",\"inner_params\":{\"hello_cloud\":1},\"inner_id\":21}"));
+  ASSERT_TRUE(
+      client_.send("{\"inner_method\":\"register_callback\",\"inner_params\":{\"hello_cloud\":1},"
+                   "\"inner_id\":21}"));
   EXPECT_EQ("{\"inner_id\":21,\"inner_error_code\":-11}", next());
   ASSERT_TRUE(client_.send("{\"inner_method\":\"unregister_callback\",\"inner_id\":22}"));
   EXPECT_EQ("{\"inner_id\":22,\"inner_error_code\":-12}", next());
@@ -215,7 +224,9 @@ TEST_F(Conversation, AcknowledgementDelayAppliesToEveryMethod) {
   daemon_.set_ack_delay_ms(150);
   start_and_connect();
   auto before = std::chrono::steady_clock::now();
-  ASSERT_TRUE(client_.send("{\"inner_method\":\"register_callback\",\"inner_params\":{\"hello_cloud\":0},\"inner_id\":1}"));
+  ASSERT_TRUE(
+      client_.send("{\"inner_method\":\"register_callback\",\"inner_params\":{\"hello_cloud\":0},"
+                   "\"inner_id\":1}"));
   EXPECT_EQ("{\"inner_id\":1,\"inner_error_code\":0}", next());
   EXPECT_GE(std::chrono::steady_clock::now() - before, std::chrono::milliseconds(150));
 }
@@ -260,8 +271,8 @@ TEST_F(Conversation, TextThatIsNotJsonIsRecordedAndNotAnswered) {
 TEST_F(Conversation, RequestWithoutIdIsNotAnswered) {
   start_and_connect();
   ASSERT_TRUE(client_.send("{\"inner_method\":\"reconnect_cloud\"}"));
-  ASSERT_TRUE(client_.send(
-      "{\"inner_method\":\"device_request\",\"inner_params\":{\"request\":\"x\"}}"));
+  ASSERT_TRUE(
+      client_.send("{\"inner_method\":\"device_request\",\"inner_params\":{\"request\":\"x\"}}"));
   ASSERT_TRUE(client_.send("{\"inner_method\":\"reconnect_cloud\",\"inner_id\":2}"));
   EXPECT_EQ("{\"inner_id\":2,\"inner_error_code\":0}", next());
 }

@@ -1,7 +1,7 @@
 // Start and stop: the socket file before, during and after a run, start-up failures, and
 // commands from several threads at once.
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <string.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -87,7 +87,8 @@ TEST_F(Lifecycle, RegularFileAtThePathIsRefusedAndKept) {
   CloudDaemon daemon(path_);
   EXPECT_EQ(VEMO_ERR_NO_SERVER, daemon.start());
   EXPECT_FALSE(daemon.running());
-  EXPECT_EQ("refusing to replace " + path_ + ": it exists and is not a socket", daemon.last_error());
+  EXPECT_EQ("refusing to replace " + path_ + ": it exists and is not a socket",
+            daemon.last_error());
   std::ifstream f(path_);
   std::string content;
   f >> content;
@@ -163,7 +164,7 @@ TEST_F(Lifecycle, StopDoesNotWaitForPendingTimers) {
   ASSERT_TRUE(client.recv(kWait));
   ASSERT_TRUE(client.send(device_request(1, "never answered")));
   ASSERT_TRUE(client.recv(kWait));  // the acknowledgement
-  daemon.stop();                    // a ten-minute timer must not hold it (the test's timeout would)
+  daemon.stop();  // a ten-minute timer must not hold it (the test's timeout would)
   EXPECT_TRUE(client.wait_closed(kWait));
 }
 

@@ -1,7 +1,7 @@
 // The vemo_cloudd executable run as a child process: options, standard-input commands, the
 // control FIFO, its output lines, signals and the socket file.
-#include <gtest/gtest.h>
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -91,10 +91,13 @@ TEST_F(Process, SessionDrivenFromStandardInput) {
   EXPECT_TRUE(p.wait_for_line_starting("recv 1 " + device_request(7, "hello"), kWait));
 
   ASSERT_TRUE(p.write_line("cloud_request ping me"));
-  EXPECT_EQ("{\"inner_method\":\"cloud_request\",\"inner_id\":5,\"inner_params\":{\"request\":\"ping me\"}}",
-            client.recv(kWait).value_or("<none>"));
+  EXPECT_EQ(
+      "{\"inner_method\":\"cloud_request\",\"inner_id\":5,\"inner_params\":{\"request\":\"ping "
+      "me\"}}",
+      client.recv(kWait).value_or("<none>"));
   EXPECT_TRUE(p.wait_for_line_starting("cloud_request 5 to 1 connection(s)", kWait));
-  ASSERT_TRUE(client.send("{\"inner_error_code\":0,\"inner_result\":{\"response\":\"pong\"},\"inner_id\":5}"));
+  ASSERT_TRUE(client.send(
+      "{\"inner_error_code\":0,\"inner_result\":{\"response\":\"pong\"},\"inner_id\":5}"));
   EXPECT_TRUE(p.wait_for_line_starting("answer 1 cloud_request 5 code=0 \"pong\"", kWait));
 
   ASSERT_TRUE(p.write_line("hello_request"));
@@ -135,7 +138,9 @@ TEST_F(Process, OptionsShapeTheConversation) {
   serve_and_connect(p, client, false);
   ASSERT_TRUE(client.send(device_request(1, "x")));
   EXPECT_EQ("{\"inner_id\":1,\"inner_error_code\":-3}", client.recv(kWait).value_or("<none>"));
-  ASSERT_TRUE(client.send("{\"inner_method\":\"register_callback\",\"inner_params\":{\"hello_cloud\":0},\"inner_id\":2}"));
+  ASSERT_TRUE(
+      client.send("{\"inner_method\":\"register_callback\",\"inner_params\":{\"hello_cloud\":0},"
+                  "\"inner_id\":2}"));
   EXPECT_EQ("{\"inner_id\":2,\"inner_error_code\":-4}", client.recv(kWait).value_or("<none>"));
 }
 
@@ -149,7 +154,8 @@ TEST_F(Process, ResponseOptions) {
             client.recv(kWait).value_or("<none>"));
   ASSERT_TRUE(client.send(device_request(1, "x")));
   client.recv(kWait);
-  const std::string canned = "{\"inner_error_code\":0,\"inner_result\":{\"id\":1000,\"response\":\"canned\"}}";
+  const std::string canned =
+      "{\"inner_error_code\":0,\"inner_result\":{\"id\":1000,\"response\":\"canned\"}}";
   EXPECT_EQ(canned, client.recv(kWait).value_or("<none>"));
   EXPECT_EQ(canned, client.recv(kWait).value_or("<none>"));
 }
@@ -171,7 +177,8 @@ TEST_F(Process, ClosedStandardInputKeepsServing) {
   DaemonProcess p({"--socket", path_});
   ASSERT_TRUE(p.wait_for_line_starting("listening on", kWait));
   p.close_stdin();
-  EXPECT_TRUE(p.wait_for_line_starting("standard input closed; serving until quit, SIGINT or SIGTERM", kWait));
+  EXPECT_TRUE(p.wait_for_line_starting(
+      "standard input closed; serving until quit, SIGINT or SIGTERM", kWait));
   RawClient client;
   ASSERT_EQ(0, client.connect(path_));
   EXPECT_TRUE(client.recv(kWait));
@@ -224,8 +231,8 @@ TEST_F(Process, ControlPathThatIsNoFifoIsRefused) {
   { std::ofstream(ctl) << "x"; }
   DaemonProcess p({"--socket", path_, "--control", ctl});
   EXPECT_EQ(1, exit_code(p.wait_exit(kWait)));
-  EXPECT_NE(std::string::npos,
-            p.all_stderr().find("vemo_cloudd: the control path " + ctl + " exists and is not a FIFO"));
+  EXPECT_NE(std::string::npos, p.all_stderr().find("vemo_cloudd: the control path " + ctl +
+                                                   " exists and is not a FIFO"));
   EXPECT_FALSE(exists(path_));
   unlink(ctl.c_str());
 }

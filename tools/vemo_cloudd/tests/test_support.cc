@@ -193,8 +193,8 @@ std::optional<std::string> DaemonProcess::wait_for_line(
 
 std::optional<std::string> DaemonProcess::wait_for_line_starting(const std::string &prefix,
                                                                  int timeout_ms) {
-  return wait_for_line([&](const std::string &l) { return l.compare(0, prefix.size(), prefix) == 0; },
-                       timeout_ms);
+  return wait_for_line(
+      [&](const std::string &l) { return l.compare(0, prefix.size(), prefix) == 0; }, timeout_ms);
 }
 
 std::optional<int> DaemonProcess::wait_exit(int timeout_ms) {

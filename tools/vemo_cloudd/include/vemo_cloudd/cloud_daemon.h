@@ -68,9 +68,9 @@ struct Received {
   std::string request;
   bool has_response = false;  // inner_result.response present (a reply)
   std::string response;
-  int timeout_ms = 0;    // inner_params.timeout_ms (device_request)
-  int flag = 0;          // inner_params.flag (device_request)
-  int hello_cloud = 0;   // inner_params.hello_cloud (register_callback)
+  int timeout_ms = 0;   // inner_params.timeout_ms (device_request)
+  int flag = 0;         // inner_params.flag (device_request)
+  int hello_cloud = 0;  // inner_params.hello_cloud (register_callback)
 
   // A reply to a cloud_request (has_id) or to a request_of_hello_cloud (!has_id).
   bool is_reply() const { return json && method.empty() && has_error_code; }
