@@ -88,7 +88,8 @@ class CloudDaemon {
  public:
   // Called on the loop thread for every message received, after it is logged and before the
   // daemon's own answer. Return true to skip the daemon's own answer. The handler may call any
-  // command of the daemon (they run at once); it must not call stop() and wait for it.
+  // command or setter (commands run at once) and stop() (the loop ends after this message);
+  // it must not call the wait_for_* methods, which would hold up the very loop they wait on.
   using Handler = std::function<bool(CloudDaemon &, const Received &)>;
   // Receives one human-readable line (no newline) per event: connections, every message
   // received and sent, answers to the daemon's requests, errors. Called on the loop thread.
