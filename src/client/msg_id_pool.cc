@@ -174,7 +174,21 @@ int msg_id_deliver(msg_id_pool_t *pool, int id, int value) {
 int msg_id_wait_result(msg_id_pool_t *pool, int id, uint32_t start_tick, int32_t timeout_ms,
                        int *hook_status) {
   if (hook_status != nullptr) *hook_status = 0;
-  if (timeout_ms <= 0) return VEMO_ERR_TIMEOUT;
+  // A holder that gives up stops taking answers at once, not only when it returns the id: a
+  // late acknowledgement must not run the hook (and, say, enter a request id in the response
+  // list) for a sender that has already reported a failure.
+  auto give_up = [](Slot &slot, int code) NO_THREAD_SAFETY_ANALYSIS {
+    if (slot.record != nullptr && !slot.record->delivering) slot.record->answered = true;
+    return code;
+  };
+  if (timeout_ms <= 0) {
+    // The answer is not looked at; the record is only marked as given up.
+    if (pool != nullptr && id >= 1 && id <= pool->max_size) {
+      MutexLock lock(pool->mutex);
+      give_up(pool->data[id - 1], 0);
+    }
+    return VEMO_ERR_TIMEOUT;
+  }
   if (!vemo::msg_id_pool_get_data(pool, id, RangeCheck{})) return VEMO_ERR_NO_ANSWER;
   MutexLock lock(pool->mutex);
   Slot &slot = pool->data[id - 1];
@@ -194,9 +208,9 @@ int msg_id_wait_result(msg_id_pool_t *pool, int id, uint32_t start_tick, int32_t
       if (hook_status != nullptr) *hook_status = record->hook_status;
       return result;
     }
-    if (pool->closed) return VEMO_ERR_DISCONNECTED;
+    if (pool->closed) return give_up(slot, VEMO_ERR_DISCONNECTED);
     int64_t elapsed = tick_elapsed(get_tick_count(), start_tick);
-    if (elapsed >= timeout_ms) return VEMO_ERR_TIMEOUT;
+    if (elapsed >= timeout_ms) return give_up(slot, VEMO_ERR_TIMEOUT);
     int64_t remaining = static_cast<int64_t>(timeout_ms) - elapsed;
     pool->waiting_holders += 1;
     slot.changed.wait_for_ms(pool->mutex,

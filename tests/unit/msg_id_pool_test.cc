@@ -600,3 +600,27 @@ TEST_F(MsgIdPool, CloseDoesNotCutARunningHookShort) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST_F(MsgIdPool, AnswerAfterTheHolderGaveUpRunsNoHook) {
+  // Between a holder's timeout and the return of its id, a late answer still finds the record;
+  // it must not run the hook (which would act for a sender that has already failed).
+  msg_id_pool_t *pool = make(4);
+  ASSERT_NE(pool, nullptr);
+  HookProbe probe;
+  vemo::MsgDeliverHook hook{probe_hook, &probe};
+  int id = vemo::msg_id_take(pool, &kFresh, &hook);
+  EXPECT_EQ(vemo::msg_id_wait_result(pool, id, get_tick_count(), 20, nullptr), VEMO_ERR_TIMEOUT);
+  EXPECT_EQ(vemo::msg_id_deliver(pool, id, 42), VEMO_OK);
+  EXPECT_EQ(probe.calls.load(), 0);
+  msg_id_put_to_idle(pool, id);
+
+  int id0 = vemo::msg_id_take(pool, &kFresh, &hook);
+  EXPECT_EQ(vemo::msg_id_wait_result(pool, id0, get_tick_count(), 0, nullptr), VEMO_ERR_TIMEOUT);
+  EXPECT_EQ(vemo::msg_id_deliver(pool, id0, 43), VEMO_OK);
+  EXPECT_EQ(probe.calls.load(), 0);
+  msg_id_put_to_idle(pool, id0);
+}
+
+}  // namespace
