@@ -44,8 +44,11 @@ ClientHandlers client_handlers() {
   return h;
 }
 
+bool client_in_greeting() { return in_greeting(); }
+
 int client_acquire() {
   cloud_client_t &c = client();
+  if (in_greeting()) return VEMO_ERR_DISCONNECTED;  // the start-up is this very thread's
   MutexLock hold(c.lock);
   while (c.state == ClientState::kStarting) c.state_changed.wait(c.lock);
   if (c.state != ClientState::kRunning) return VEMO_ERR_DISCONNECTED;

@@ -29,6 +29,10 @@ struct cloud_client_t {
   // 1 while the client's tasks are meant to run. Read without the lock by the tasks and by the
   // senders' fast path.
   std::atomic<int> running{0};
+  // Counts start-ups. A task serves the start-up it was started by and ends when this moves on,
+  // even if it never saw running at 0 (a teardown that ran on the receiving task itself, then a
+  // quick new start-up).
+  std::atomic<uint32_t> generation{0};
 
   // The connection and the pools. Written only by the thread that starts or tears down the
   // client (state Starting or Stopping, with no users and, for teardown, no tasks left); read
@@ -105,7 +109,12 @@ int client_send(int fd, const char *text);
 // The greeting is dispatched by the starting thread before the context holds the connection;
 // replies sent meanwhile go to the new connection.
 int client_reply_fd();
+// True on the thread that is checking a greeting: it must not wait for its own start-up.
+bool client_in_greeting();
 void client_set_greeting_fd(int fd);  // -1 ends the greeting
+
+// True while the start-up that generation counts is running (the tasks' loop condition).
+bool client_serving(const cloud_client_t &c, uint32_t generation);
 
 // Dispatch-side entry points (dispatch.cc).
 int dispatch_message(const char *text);

@@ -233,9 +233,10 @@ int dispatch_message(const char *text) {
 
 void task_receive(void *) {
   cloud_client_t &c = client();
+  const uint32_t generation = c.generation.load(std::memory_order_acquire);
   LOG_PRINT("DEBUG", "begin the task to receive from the server...");
   int pause_ms = 0;
-  while (c.running.load(std::memory_order_acquire) == 1) {
+  while (client_serving(c, generation)) {
     char *text = nullptr;
     int rc = ipc_socket_recv_timed(c.fd, kReceiveTurnMs, &text);
     if (rc == 0) {
@@ -246,11 +247,11 @@ void task_receive(void *) {
     free(text);
     if (rc == VEMO_ERR_RECV_TIMEOUT) continue;
     // A teardown shuts the socket down under us: that is not a failure worth a line.
-    if (c.running.load(std::memory_order_acquire) != 1) break;
+    if (!client_serving(c, generation)) break;
     LOG_PRINT("ERROR", "fail to receive the message, error=%d", rc);
     pause_ms = pause_ms == 0 ? kReceiveTurnMs : std::min(pause_ms * 2, kReceiveBackoffMaxMs);
     MutexLock hold(c.lock);
-    if (c.running.load(std::memory_order_acquire) == 1) c.wake_tasks.wait_for_ms(c.lock, pause_ms);
+    if (client_serving(c, generation)) c.wake_tasks.wait_for_ms(c.lock, pause_ms);
   }
   LOG_PRINT("DEBUG", "end the task to receive from the server...");
 }

@@ -68,6 +68,7 @@ int start_session(cloud_client_t &c) {
   }
   // The flag goes up before the tasks start, so neither can see 0 on its first test and end at
   // once; a failure below clears it again in client_destroy.
+  c.generation.fetch_add(1, std::memory_order_acq_rel);
   c.running.store(1, std::memory_order_release);
   int rc = task_pool_add(c.task_pool, task_timeout_check, nullptr, nullptr);
   if (rc != 0) {
@@ -86,6 +87,9 @@ int start_session(cloud_client_t &c) {
 
 int client_init() {
   cloud_client_t &c = client();
+  // A handler called from the greeting runs on the starting thread, which cannot wait for
+  // itself.
+  if (client_in_greeting()) return VEMO_ERR_DISCONNECTED;
   {
     MutexLock hold(c.lock);
     // A start-up or a teardown in progress is waited out, not overlapped. A task of the pool
@@ -131,15 +135,20 @@ int client_init() {
   return rc;
 }
 
+bool client_serving(const cloud_client_t &c, uint32_t generation) {
+  return c.running.load(std::memory_order_acquire) == 1 &&
+         c.generation.load(std::memory_order_acquire) == generation;
+}
+
 void task_timeout_check(void *) {
   cloud_client_t &c = client();
+  const uint32_t generation = c.generation.load(std::memory_order_acquire);
   LOG_PRINT("DEBUG", "begin the task to check the time out...");
-  while (c.running.load(std::memory_order_acquire) == 1) {
+  while (client_serving(c, generation)) {
     {
       // A pause the teardown can cut short, rather than a plain sleep.
       MutexLock hold(c.lock);
-      if (c.running.load(std::memory_order_acquire) == 1)
-        c.wake_tasks.wait_for_ms(c.lock, kTimeoutTaskPeriodMs);
+      if (client_serving(c, generation)) c.wake_tasks.wait_for_ms(c.lock, kTimeoutTaskPeriodMs);
     }
     response_data_clear(c.response_list, 0);
   }
