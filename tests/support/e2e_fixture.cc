@@ -6,10 +6,8 @@
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
-#include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,16 +37,20 @@ std::string trim(const std::string &s) {
   return b == std::string::npos ? std::string() : s.substr(b, e - b + 1);
 }
 
-// True when a process answers on the socket file at path.
+// True when a socket listens on path, in any process. Read from the kernel's table rather than
+// by connecting: a connection would count as a client of that process's daemon.
 bool someone_answers(const char *path) {
-  int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-  if (fd < 0) return false;
-  struct sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", path);
-  bool answers = connect(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr) == 0;
-  close(fd);
-  return answers;
+  std::ifstream table("/proc/net/unix");
+  std::string line;
+  std::getline(table, line);  // the header
+  while (std::getline(table, line)) {
+    std::istringstream fields(line);
+    std::string num, refs, protocol, flags, type, state, inode, where;
+    fields >> num >> refs >> protocol >> flags >> type >> state >> inode >> where;
+    // Flags 00010000: the socket accepts connections (it listens).
+    if (where == path && flags == "00010000") return true;
+  }
+  return false;
 }
 
 // The running test's capture, for die_hung.
@@ -299,9 +301,8 @@ void E2ETest::SetUp() {
   }
   struct stat st;
   if (lstat(VEMO_SOCKET_PATH, &st) == 0) {
-    ASSERT_FALSE(someone_answers(VEMO_SOCKET_PATH))
-        << "another daemon serves " VEMO_SOCKET_PATH "; the end-to-end tests need it to themselves";
-    unlink(VEMO_SOCKET_PATH);  // left behind by a daemon that died
+    ASSERT_TRUE(WaitPathFree()) << "another process keeps serving " VEMO_SOCKET_PATH;
+    unlink(VEMO_SOCKET_PATH);  // left behind by a daemon that ended without removing it
   }
 }
 
@@ -318,8 +319,18 @@ void E2ETest::TearDown() {
   }
 }
 
+bool E2ETest::WaitPathFree() {
+  // Other suites serve the same path from processes of their own; a run of ours that meets one
+  // waits for it to end rather than fail.
+  return wait_until([] { return !someone_answers(VEMO_SOCKET_PATH); }, kPathBusyWaitMs);
+}
+
 void E2ETest::StartDaemon() {
-  ASSERT_EQ(0, daemon_.start()) << daemon_.last_error();
+  ASSERT_TRUE(WaitPathFree()) << "another process keeps serving " VEMO_SOCKET_PATH;
+  int rc = daemon_.start();
+  // Lost a race with another process for the path: wait once more.
+  if (rc != 0 && someone_answers(VEMO_SOCKET_PATH) && WaitPathFree()) rc = daemon_.start();
+  ASSERT_EQ(0, rc) << daemon_.last_error();
 }
 
 void E2ETest::Connect() {

@@ -33,6 +33,8 @@ using vemo::cloudd::Sent;
 
 // The bound of every wait for something that is due promptly. Only a hang reaches it.
 constexpr int kWaitMs = 5000;
+// How long a test waits for another process to stop serving /tmp/cloud_svr.
+constexpr int kPathBusyWaitMs = 60000;
 
 // A counter that threads bump and a test waits on.
 class Signal {
@@ -133,6 +135,9 @@ class E2ETest : public ::testing::Test {
 
   // Starts the twin on /tmp/cloud_svr (ASSERTs).
   void StartDaemon();
+  // Waits until no process answers on /tmp/cloud_svr; false when one still does after
+  // kPathBusyWaitMs.
+  bool WaitPathFree();
   // Connects the client with a call that changes nothing on the client: reconnect_cloud,
   // acknowledged with 0 (ASSERTs).
   void Connect();
