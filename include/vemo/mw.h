@@ -28,7 +28,8 @@
  *     mwRealloc); blocks from the untracked twins mwMalloc_ & co. and from the system's
  *     malloc with mwFree_ or free(). mwFree(p, NULL, 0) releases untracked memory too.
  *   - The file name passed with every call is stored, not copied: it must stay valid while
- *     the block lives (a string literal such as __FILE__ always does).
+ *     the block lives, and with statistics on (mwStatistics) until the process ends. A
+ *     string literal such as __FILE__ always does.
  *   - Texts passed in (mark descriptions, trap texts, format strings) are borrowed for the
  *     call. The text an answer function receives lives only for that call.
  *
@@ -38,15 +39,18 @@
  *
  * Threads
  *   The allocator's state is process-wide and guarded by one internal (recursive) mutex, so
- *   any thread may call any function. Three things run while that mutex is held and must
- *   therefore neither block on another thread that uses the allocator nor call the allocator
- *   themselves: the output hook of mwSetOutFunc, and the process exit that a trap ends with
- *   (exit handlers run in the trapping thread). An answer function of mwSetAriFunc runs
- *   without the mutex (mwAriHandler waits on standard input meanwhile while other threads go
- *   on). The address probes swap the process-wide SIGSEGV handler for the time of one read;
- *   a fault of another thread in that moment is passed on to the previous handler.
- *   A final report that runs at exit while another thread still holds the mutex waits up to
- *   one second and is then skipped.
+ *   any thread may call any function at any time.
+ *   - The output hook of mwSetOutFunc is called with that mutex held: it must neither call
+ *     the allocator nor wait for a thread that does.
+ *   - An answer function (mwSetAriFunc, mwAriHandler) runs without the mutex: other threads
+ *     go on while a trap waits for its answer.
+ *   - A trap that ends the process calls exit() with the mutex held, so the exit handlers
+ *     (the final report among them) run while other threads are kept out of the allocator.
+ *   - When the process exits while another thread is still inside the allocator, the final
+ *     report waits up to one second for it and is then skipped.
+ *   - fork() waits until a call that is inside the allocator has finished.
+ *   - The address probes replace the process-wide SIGSEGV handler for the time of one read;
+ *     a fault of another thread in that moment is passed on to the previous handler.
  */
 #ifndef VEMO_MW_H
 #define VEMO_MW_H

@@ -62,7 +62,7 @@ int trap(TrapKind kind, int value, const char *text, const char *file, int line)
   end_process(file, line, kind == TrapKind::kAssert && (mwAriActionMask & 16) != 0);
 }
 
-void trace_v(const char *format, va_list args) REQUIRES(mwLock) {
+VEMO_PRINTF(1, 0) void trace_v(const char *format, va_list args) REQUIRES(mwLock) {
   if (mwOutHook == nullptr) mwOutHook = mwLogPutc;
   if (mwOutHook == mwLogPutc) mwCheckedLog();
   bool cut = false;

@@ -12,9 +12,10 @@ int mwFlushLevel2 = 0;
 
 size_t mwFormat(bool *cut, const char *format, va_list args) {
   *cut = false;
+  if (format == nullptr) return 0;
   // vsnprintf is bounded by the buffer and tells the full length, so an over-long text is
   // detected without ever writing past mwLineBuffer.
-  int n = vsnprintf(mwLineBuffer, kLineChars + 1, format != nullptr ? format : "", args);
+  int n = vsnprintf(mwLineBuffer, kLineChars + 1, format, args);
   if (n < 0) return 0;
   if (n >= kLineChars) {
     *cut = true;

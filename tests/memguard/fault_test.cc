@@ -6,6 +6,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <thread>
+
 #include "mw_test_support.h"
 
 using namespace mw_test;
@@ -122,6 +124,35 @@ TEST_F(MwFault, ReportRunsOnceWhenTermCameBeforeExit) {
   std::string log = ReadFile("memguard.log");
   EXPECT_EQ(log.find("Stopped at"), log.rfind("Stopped at"));
   EXPECT_NE(log.find("Stopped at"), std::string::npos);
+}
+
+int g_hook_entered[2];
+int g_never_written[2];
+
+// An output hook that never returns: its thread keeps the allocator's lock for good.
+void stuck_hook(int) {
+  static bool told = false;
+  if (!told) {
+    told = true;
+    if (write(g_hook_entered[1], "x", 1) != 1) _exit(4);
+  }
+  char c;
+  while (read(g_never_written[0], &c, 1) != 0) {
+  }
+}
+
+TEST_F(MwFault, ExitReportGivesUpOnAThreadStuckInsideTheAllocator) {
+  int status = RunInChild([] {
+    if (pipe(g_hook_entered) != 0 || pipe(g_never_written) != 0) _exit(3);
+    Start();
+    mwSetOutFunc(stuck_hook);
+    std::thread([] { mwTrace("stuck\n"); }).detach();
+    char c;
+    if (read(g_hook_entered[0], &c, 1) != 1) _exit(5);
+    exit(0);  // the report at exit must not wait for the stuck thread for ever
+  });
+  EXPECT_TRUE(ExitedWith(status, 0)) << status;
+  EXPECT_EQ(ReadFile("memguard.log").find("Stopped at"), std::string::npos);
 }
 
 // ---- Repairs that cannot save the heap --------------------------------------------------------

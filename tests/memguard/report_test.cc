@@ -110,13 +110,15 @@ TEST_F(MwReport, NoMansLandCountersThatDisagreeAreReported) {
 
 TEST_F(MwReport, DetailedStatisticsByModuleAndLine) {
   mwStatistics(MW_STAT_LINE);
+  // File names are stored, not copied: they live as long as the process, as __FILE__ does.
   static const char kLong[] = "directory/with/a/long/path/to/the/module44.c";
-  std::string fifty = "abcd0123456789/directory/with/a/long/path/name50.c";
+  static const char kFifty[] = "abcd0123456789/directory/with/a/long/path/name50.c";
+  const std::string fifty = kFifty;
   ASSERT_EQ(strlen(kLong), 44u);
   ASSERT_EQ(fifty.size(), 50u);
   void *a = mwMalloc(10, "a.c", 7);
   void *b = mwMalloc(20, "A.CPP", 3);
-  void *c = mwMalloc(30, fifty.c_str(), 1);
+  void *c = mwMalloc(30, kFifty, 1);
   void *d = mwMalloc(1, kLong, 2);
   mwFree(a, "a.c", 8);
   mwFree(b, "a.c", 9);
