@@ -1,0 +1,143 @@
+// `vemo-cli listen`: registers for the requests that the cloud sends to the device, prints and
+// answers them until told to stop, then withdraws the registration.
+#include <stdlib.h>
+#include <string.h>
+
+#include <atomic>
+#include <string>
+
+#include <vemo/vemo.h>
+
+#include "commands.h"
+#include "format.h"
+#include "output.h"
+#include "run_command.h"
+#include "stop_events.h"
+
+namespace vemo_cli {
+namespace {
+
+// What the handlers need. Filled by the main thread before the registration (which starts the
+// library's threads), only read afterwards, except for the counter. Never destroyed: a handler
+// may still run while the process exits, until the library's exit-time teardown has drained its
+// threads.
+struct ListenState {
+  AnswerMode mode = AnswerMode::kNone;
+  std::string answer;  // the fixed text or the command
+  int exec_timeout_ms = kDefaultExecTimeoutMs;
+  std::string hello_text;
+  int count = 0;
+  std::atomic<int> handled{0};
+};
+
+ListenState &state() {
+  static ListenState *s = new ListenState;
+  return *s;
+}
+
+// A malloc'd copy, as the library frees answers with free(); null when out of memory, which
+// sends no answer.
+char *heap_copy(const std::string &text) {
+  char *copy = static_cast<char *>(malloc(text.size() + 1));
+  if (copy != nullptr) memcpy(copy, text.c_str(), text.size() + 1);
+  return copy;
+}
+
+void print_event(const std::string &line) {
+  if (!output_line(line)) stop_events_post(StopReason::kOutputClosed);
+}
+
+// The answer to one request, or false for none.
+bool make_answer(const ListenState &s, const std::string &request, std::string *answer) {
+  switch (s.mode) {
+    case AnswerMode::kNone:
+      return false;
+    case AnswerMode::kFixed:
+      *answer = s.answer;
+      return true;
+    case AnswerMode::kExec: {
+      // A newline after the text lets line-reading commands (read, while read ...) see the line.
+      CommandResult result = run_command(s.answer, request + "\n", s.exec_timeout_ms);
+      if (!result.succeeded()) {
+        report("listen: command " + result.describe(s.exec_timeout_ms) + "; no answer sent");
+        return false;
+      }
+      *answer = strip_trailing_newlines(result.output);
+      return true;
+    }
+  }
+  return false;
+}
+
+// Runs on a library dispatch thread, one per request from the cloud, possibly several at once;
+// with --exec it blocks that thread for as long as the command runs (up to its time limit).
+// Nothing may be thrown from here into the library.
+void on_cloud_request(const char *request, char **response) {
+  ListenState &s = state();
+  try {
+    const std::string text = request != nullptr ? request : "";
+    print_event("request: " + one_line(text));
+    std::string answer;
+    if (make_answer(s, text, &answer)) *response = heap_copy(answer);
+  } catch (...) {
+    report("listen: out of memory while answering a request; no answer sent");
+  }
+  // Counted once answered, so that --count 1 stops after the answer is on its way.
+  if (s.count > 0 && ++s.handled == s.count) stop_events_post(StopReason::kCount);
+}
+
+// Hello handlers: also on library dispatch threads.
+void on_hello_request(char **response) {
+  try {
+    print_event("hello request");
+    *response = heap_copy(state().hello_text);
+  } catch (...) {
+  }
+}
+
+void on_hello_response(const char *response) {
+  try {
+    print_event("hello response: " + one_line(response != nullptr ? response : ""));
+  } catch (...) {
+  }
+}
+
+}  // namespace
+
+int run_listen(const Options &o) {
+  ListenState &s = state();
+  s.mode = o.answer_mode;
+  s.answer = o.answer;
+  s.exec_timeout_ms = o.exec_timeout_ms;
+  s.hello_text = o.hello_text;
+  s.count = o.count;
+  if (!stop_events_init()) {
+    report("listen: cannot set up the signal handling");
+    return kExitToolFailure;
+  }
+
+  // The library keeps its own copy of the pair.
+  const vemo_hello_cloud_cb_t hello = {on_hello_request, on_hello_response};
+  int rc = vemo_register_callback(on_cloud_request, o.hello ? &hello : nullptr);
+  if (rc != 0) return report_code("listen: registering", rc);
+
+  // A signal that came during the registration is already in the pipe: it ends the wait at once.
+  const StopReason why = stop_events_wait(o.for_seconds > 0 ? o.for_seconds * 1000 : -1);
+  int status = kExitOk;
+  if (why == StopReason::kOutputClosed) {
+    report("listen: standard output cannot be written any more; stopping");
+    status = kExitToolFailure;
+  } else if (why == StopReason::kError) {
+    report("listen: waiting for the end failed; stopping");
+    status = kExitToolFailure;
+  }
+
+  rc = vemo_unregister_callback();
+  if (rc != 0) {
+    int unregister_status = report_code("listen: unregistering", rc);
+    if (status == kExitOk) status = unregister_status;
+  }
+  return status;
+}
+
+}  // namespace vemo_cli

@@ -1,0 +1,127 @@
+// `vemo-cli request`: one request to the cloud, synchronous or asynchronous.
+#include <errno.h>
+#include <pthread.h>
+#include <stdlib.h>
+#include <time.h>
+
+#include <string>
+
+#include <vemo/vemo.h>
+
+#include "commands.h"
+#include "format.h"
+#include "output.h"
+
+namespace vemo_cli {
+namespace {
+
+// Where the response callback tells the waiting main thread that the response is in. The
+// callback runs on a library thread and may run before vemo_send_request_async has even
+// returned the id; this process sends one request, so any call is for it. The object is never
+// destroyed: a late duplicate response may call the callback while the process exits, until the
+// library's own exit-time teardown has drained its threads.
+class ArrivalSignal {
+ public:
+  ArrivalSignal() {
+    pthread_condattr_t attr;
+    pthread_condattr_init(&attr);
+    // Deadlines on the monotonic clock: a clock set back on the device must not stretch --wait.
+    pthread_condattr_setclock(&attr, CLOCK_MONOTONIC);
+    pthread_cond_init(&cond_, &attr);
+    pthread_condattr_destroy(&attr);
+  }
+
+  void notify(int id) {
+    pthread_mutex_lock(&mutex_);
+    arrived_ = true;
+    id_ = id;
+    pthread_cond_broadcast(&cond_);
+    pthread_mutex_unlock(&mutex_);
+  }
+
+  // True once a response arrived; false when wait_ms passed first. *id: the callback's id.
+  bool wait(int wait_ms, int *id) {
+    struct timespec deadline;
+    clock_gettime(CLOCK_MONOTONIC, &deadline);
+    deadline.tv_sec += wait_ms / 1000;
+    deadline.tv_nsec += static_cast<long>(wait_ms % 1000) * 1000000L;
+    if (deadline.tv_nsec >= 1000000000L) {
+      deadline.tv_sec += 1;
+      deadline.tv_nsec -= 1000000000L;
+    }
+    pthread_mutex_lock(&mutex_);
+    while (!arrived_) {
+      if (pthread_cond_timedwait(&cond_, &mutex_, &deadline) == ETIMEDOUT) break;
+    }
+    bool arrived = arrived_;
+    *id = id_;
+    pthread_mutex_unlock(&mutex_);
+    return arrived;
+  }
+
+ private:
+  pthread_mutex_t mutex_ = PTHREAD_MUTEX_INITIALIZER;
+  pthread_cond_t cond_;
+  bool arrived_ = false;  // guarded by mutex_
+  int id_ = -1;           // guarded by mutex_
+};
+
+ArrivalSignal &arrival() {
+  static ArrivalSignal *signal = new ArrivalSignal;
+  return *signal;
+}
+
+// Runs on a library dispatch thread.
+void on_response(int id, const char * /*response*/) { arrival().notify(id); }
+
+// Prints a response the library handed over, and frees it.
+int print_response(char *text) {
+  bool written = output_line(text);
+  free(text);
+  if (!written) {
+    report("request: cannot write the response to standard output");
+    return kExitToolFailure;
+  }
+  return kExitOk;
+}
+
+int run_sync(const Options &o) {
+  char *text = nullptr;
+  int rc = vemo_send_request_sync(o.text.c_str(), o.timeout_ms, o.flag, &text);
+  if (rc != 0) return report_code("request", rc);
+  return print_response(text);
+}
+
+int run_async(const Options &o) {
+  arrival();  // made before any library thread could need it
+  const int id = vemo_send_request_async(o.text.c_str(), o.timeout_ms, o.flag, on_response);
+  if (id < 0) return report_code("request", id);
+  // The id first and at once: a script may act on it while the response is awaited.
+  if (!output_line(std::to_string(id))) {
+    report("request: cannot write the request id to standard output");
+    return kExitToolFailure;
+  }
+  int seen = -1;
+  if (!arrival().wait(o.effective_wait_ms(), &seen)) {
+    report("request: no response for request " + std::to_string(id) + " within " +
+           std::to_string(o.effective_wait_ms()) + " ms");
+    return kExitTimeout;
+  }
+  if (seen != id) {
+    report("request: a response came for request " + std::to_string(seen) + ", not for " +
+           std::to_string(id));
+    return kExitLibrary;
+  }
+  char *text = nullptr;
+  int rc = vemo_get_response(id, &text);
+  if (rc != 0) return report_code("collecting the response", rc);
+  return print_response(text);
+}
+
+}  // namespace
+
+int run_request(const Options &options) {
+  return options.async ? run_async(options) : run_sync(options);
+}
+
+}  // namespace vemo_cli

@@ -1,0 +1,197 @@
+// `listen` end to end: the built program registers with the in-process daemon, which plays the
+// cloud's requests.
+#include <gtest/gtest.h>
+#include <signal.h>
+
+#include <string>
+#include <vector>
+
+#include "cli_process.h"
+
+namespace vemo_cli_test {
+namespace {
+
+using vemo::cloudd::CloudDaemon;
+using vemo::cloudd::kAllConnections;
+using vemo::cloudd::Received;
+
+bool contains(const std::string &text, const std::string &part) {
+  return text.find(part) != std::string::npos;
+}
+
+class DaemonListen : public DaemonTest {
+ protected:
+  // Starts the tool and waits until the daemon has its registration; the handler is in place
+  // before the registration is sent.
+  void StartListening(const std::vector<std::string> &args) {
+    ASSERT_TRUE(cli_.start(args));
+    auto reg = daemon_.wait_for_method("register_callback", kWaitMs);
+    ASSERT_TRUE(reg.has_value()) << "no registration; stderr: " << cli_.err();
+    hello_cloud_ = reg->hello_cloud;
+  }
+
+  int SendCloudRequest(const std::string &text) {
+    int id = 0;
+    EXPECT_EQ(1, daemon_.send_cloud_request(text, kAllConnections, &id));
+    return id;
+  }
+
+  // The exit status, once the tool has ended and the daemon has read all it sent.
+  int Finish() {
+    std::optional<int> status = cli_.wait_exit();
+    EXPECT_TRUE(status.has_value()) << "vemo-cli did not end";
+    EXPECT_TRUE(daemon_.wait_for_open_connections(0, kWaitMs));
+    return status.value_or(-2);
+  }
+
+  std::vector<Received> Replies() {
+    std::vector<Received> out;
+    for (const Received &r : daemon_.received())
+      if (r.is_reply()) out.push_back(r);
+    return out;
+  }
+
+  bool Unregistered() { return daemon_.wait_for_method("unregister_callback", 0).has_value(); }
+
+  CliProcess cli_;
+  int hello_cloud_ = -1;
+};
+
+TEST_F(DaemonListen, AnswersWithTheFixedText) {
+  StartListening({"listen", "--answer", "pong", "--count", "1"});
+  EXPECT_EQ(0, hello_cloud_);
+  int id = SendCloudRequest("ping");
+  auto reply = daemon_.wait_for_reply(id, kWaitMs);
+  ASSERT_TRUE(reply.has_value());
+  EXPECT_EQ("pong", reply->response);
+  EXPECT_EQ(0, reply->error_code);
+  EXPECT_EQ(0, Finish()) << cli_.err();
+  EXPECT_EQ("request: ping\n", cli_.out());
+  EXPECT_EQ("", cli_.err());
+  EXPECT_TRUE(Unregistered());
+}
+
+TEST_F(DaemonListen, AnswersWithTheCommandsOutput) {
+  StartListening({"listen", "--exec", "tr a-z A-Z", "--count", "1"});
+  int id = SendCloudRequest("switch the light on");
+  auto reply = daemon_.wait_for_reply(id, kWaitMs);
+  ASSERT_TRUE(reply.has_value());
+  EXPECT_EQ("SWITCH THE LIGHT ON", reply->response);  // its trailing newline removed
+  EXPECT_EQ(0, Finish()) << cli_.err();
+  EXPECT_EQ("request: switch the light on\n", cli_.out());
+  EXPECT_TRUE(Unregistered());
+}
+
+TEST_F(DaemonListen, ConcurrentRequestsEachGetTheirOwnAnswer) {
+  StartListening({"listen", "--exec", "cat", "--count", "3"});
+  int ids[3];
+  for (int i = 0; i < 3; ++i) ids[i] = SendCloudRequest("request " + std::to_string(i));
+  for (int i = 0; i < 3; ++i) {
+    auto reply = daemon_.wait_for_reply(ids[i], kWaitMs);
+    ASSERT_TRUE(reply.has_value()) << i;
+    EXPECT_EQ("request " + std::to_string(i), reply->response);
+  }
+  EXPECT_EQ(0, Finish()) << cli_.err();
+  EXPECT_EQ(3u, cli_.out_lines().size());
+}
+
+TEST_F(DaemonListen, FailingCommandSendsNoAnswer) {
+  StartListening({"listen", "--exec", "echo half; exit 3", "--count", "1"});
+  SendCloudRequest("ping");
+  EXPECT_EQ(0, Finish());
+  EXPECT_TRUE(Replies().empty());
+  EXPECT_EQ("request: ping\n", cli_.out());
+  EXPECT_EQ("vemo-cli: listen: command exit status 3; no answer sent\n", cli_.err());
+  EXPECT_TRUE(Unregistered());
+}
+
+TEST_F(DaemonListen, CommandOverItsTimeLimitSendsNoAnswer) {
+  StartListening({"listen", "--exec", "sleep 30", "--exec-timeout", "200", "--count", "1"});
+  SendCloudRequest("ping");
+  EXPECT_EQ(0, Finish());
+  EXPECT_TRUE(Replies().empty());
+  EXPECT_EQ("vemo-cli: listen: command still running after 200 ms; no answer sent\n", cli_.err());
+}
+
+TEST_F(DaemonListen, WithoutAnAnswerOptionRequestsAreOnlyPrinted) {
+  StartListening({"listen", "--count", "1"});
+  SendCloudRequest("just looking");
+  EXPECT_EQ(0, Finish());
+  EXPECT_TRUE(Replies().empty());
+  EXPECT_EQ("request: just looking\n", cli_.out());
+}
+
+TEST_F(DaemonListen, EveryRequestTakesOneLine) {
+  StartListening({"listen", "--answer", "ok", "--count", "2"});
+  int first = SendCloudRequest("two\nlines");
+  ASSERT_TRUE(daemon_.wait_for_reply(first, kWaitMs).has_value());
+  SendCloudRequest("back\\slash\x01");
+  EXPECT_EQ(0, Finish());
+  EXPECT_EQ("request: two\\nlines\nrequest: back\\\\slash\\x01\n", cli_.out());
+}
+
+TEST_F(DaemonListen, HelloHandlers) {
+  StartListening({"listen", "--hello", "hi from the field", "--answer", "x", "--count", "1"});
+  EXPECT_EQ(1, hello_cloud_);
+  EXPECT_EQ(1, daemon_.send_hello_request());
+  auto hello = daemon_.wait_for_hello_reply(kWaitMs);
+  ASSERT_TRUE(hello.has_value());
+  EXPECT_EQ("hi from the field", hello->response);
+  EXPECT_EQ(1, daemon_.send_hello_response("welcome\nback"));
+  ASSERT_TRUE(cli_.wait_for_line([](const std::string &l) { return l == "hello response: welcome\\nback"; }));
+  SendCloudRequest("last");
+  EXPECT_EQ(0, Finish());
+  EXPECT_EQ("hello request\nhello response: welcome\\nback\nrequest: last\n", cli_.out());
+}
+
+TEST_F(DaemonListen, StopsOnSigtermAndUnregisters) {
+  StartListening({"listen", "--answer", "x"});
+  ASSERT_TRUE(cli_.send_signal(SIGTERM));
+  EXPECT_EQ(0, Finish()) << cli_.err();
+  EXPECT_TRUE(Unregistered());
+  EXPECT_EQ("", cli_.out());
+}
+
+TEST_F(DaemonListen, StopsOnSigintAndUnregisters) {
+  StartListening({"listen", "--answer", "x"});
+  ASSERT_TRUE(cli_.send_signal(SIGINT));
+  EXPECT_EQ(0, Finish()) << cli_.err();
+  EXPECT_TRUE(Unregistered());
+}
+
+TEST_F(DaemonListen, StopsWhenItsTimeIsUp) {
+  StartListening({"listen", "--answer", "x", "--for", "1"});
+  EXPECT_EQ(0, Finish()) << cli_.err();
+  EXPECT_TRUE(Unregistered());
+}
+
+TEST_F(DaemonListen, RefusedRegistrationGivesStatusSix) {
+  daemon_.set_ack_code("register_callback", -3);
+  StartListening({"listen", "--answer", "x"});
+  EXPECT_EQ(6, Finish());
+  EXPECT_EQ("vemo-cli: listen: registering: refused by the daemon with code -3: unknown code\n",
+            cli_.err());
+  EXPECT_FALSE(Unregistered());
+}
+
+TEST_F(DaemonListen, RefusedUnregistrationGivesStatusSix) {
+  daemon_.set_ack_code("unregister_callback", -4);
+  StartListening({"listen", "--answer", "x", "--count", "1"});
+  SendCloudRequest("ping");
+  EXPECT_EQ(6, Finish());
+  EXPECT_EQ("vemo-cli: listen: unregistering: refused by the daemon with code -4: unknown code\n",
+            cli_.err());
+}
+
+TEST_F(DaemonListen, OutputReaderGoneStopsWithStatusOne) {
+  StartListening({"listen", "--answer", "x"});
+  cli_.close_out();
+  SendCloudRequest("nobody reads this");
+  EXPECT_EQ(1, Finish());
+  EXPECT_TRUE(contains(cli_.err(), "vemo-cli: listen: standard output cannot be written any more; stopping\n"))
+      << cli_.err();
+  EXPECT_TRUE(Unregistered());
+}
+
+}  // namespace
+}  // namespace vemo_cli_test
