@@ -6,6 +6,7 @@
 #include <signal.h>
 #include <spawn.h>
 #include <stdlib.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
@@ -291,6 +292,12 @@ std::vector<std::string> ChildProcess::output_lines() {
 
 void E2ETest::SetUp() {
   g_capture.store(&log_);
+  // One end-to-end test at a time on this machine, whichever build or ctest run it belongs to:
+  // ctest's resource lock only orders the tests of one run. The lock goes with the process.
+  path_lock_ = open(kPathLockFile, O_CREAT | O_RDWR | O_CLOEXEC, 0666);
+  ASSERT_GE(path_lock_, 0) << "cannot open " << kPathLockFile;
+  ASSERT_TRUE(wait_until([this] { return flock(path_lock_, LOCK_EX | LOCK_NB) == 0; }, kPathBusyWaitMs))
+      << "another test process holds " << kPathLockFile;
   daemon_.set_log_sink([this](const std::string &line) {
     std::lock_guard<std::mutex> hold(lines_mu_);
     daemon_lines_.push_back(line);
@@ -310,6 +317,8 @@ void E2ETest::TearDown() {
   // Whatever the test left running ends here, while the capture and the twin still exist.
   vemo::client_exit_hook();
   daemon_.stop();
+  if (path_lock_ >= 0) close(path_lock_);  // releases the lock
+  path_lock_ = -1;
   g_capture.store(nullptr);
   if (HasFailure()) {
     dump_log(log_);

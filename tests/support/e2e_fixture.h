@@ -35,6 +35,9 @@ using vemo::cloudd::Sent;
 constexpr int kWaitMs = 5000;
 // How long a test waits for another process to stop serving /tmp/cloud_svr.
 constexpr int kPathBusyWaitMs = 60000;
+// Held (flock) by every end-to-end test process while it uses /tmp/cloud_svr. Other programs that
+// serve or use the path in tests should take it too.
+constexpr char kPathLockFile[] = "/tmp/cloud_svr.lock";
 
 // A counter that threads bump and a test waits on.
 class Signal {
@@ -166,6 +169,7 @@ class E2ETest : public ::testing::Test {
   CloudDaemon daemon_;         // on /tmp/cloud_svr
 
  private:
+  int path_lock_ = -1;
   std::mutex lines_mu_;
   std::vector<std::string> daemon_lines_;
 };
