@@ -132,6 +132,11 @@ void client_teardown_ordered() {
   }
   {
     MutexLock hold(c.lock);
+    // The receiving task runs before the start-up has quite finished: an order read in that
+    // window waits for the start-up to end, then tears down. This cannot deadlock: once the
+    // receiving task has started, the start-up can no longer fail (and so never waits for the
+    // tasks), and it holds the lock only to publish its state.
+    while (c.state == ClientState::kStarting) c.state_changed.wait(c.lock);
     if (c.state != ClientState::kRunning) return;  // another teardown got there first
     set_state(c, ClientState::kStopping);
   }

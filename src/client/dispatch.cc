@@ -41,10 +41,6 @@ int send_response(const char *answer, int id) {
 
 // Hands the answer of a handler to the daemon and frees it.
 int answer_request(char *answer, int id) {
-  if (answer == nullptr) {
-    LOG_PRINT("ERROR", "fail to get the response of the request");
-    return VEMO_ERR_NO_ANSWER;
-  }
   int rc = send_response(answer, id);
   free(answer);
   return rc;
@@ -74,6 +70,10 @@ int dispatch_request(const cJSON *root, const char *name) {
     }
     char *answer = nullptr;
     handlers.request_cb(request, &answer);
+    if (answer == nullptr) {
+      LOG_PRINT("ERROR", "fail to get the response of the request");
+      return VEMO_ERR_NO_ANSWER;
+    }
     return answer_request(answer, id);
   }
   if (strcmp(name, method::kHelloRequest) == 0) {
@@ -84,6 +84,10 @@ int dispatch_request(const cJSON *root, const char *name) {
     }
     char *answer = nullptr;
     handlers.hello.on_hello_request(&answer);
+    if (answer == nullptr) {
+      LOG_PRINT("ERROR", "fail to get the response of the request");
+      return VEMO_ERR_NO_ANSWER;
+    }
     return answer_request(answer, -1);
   }
   if (strcmp(name, method::kHelloResponse) == 0) {
