@@ -172,6 +172,16 @@ TEST_F(MwChecks, WrittenRetainedBlockIsAWildPointerButNoError) {
   EXPECT_EQ(vemo::mwAnomalies, 1);
 }
 
+TEST_F(MwChecks, UnreadableBlockIsInvalid) {
+  void *p = mwMalloc(1, "t.c", 1);
+  vemo::mwHead = reinterpret_cast<mwData *>(16);
+  EXPECT_EQ(mwTest("t.c", 2, MW_TEST_ALLOC), 1);
+  ExpectLines(NewLines(), {"check: <1> t.c(2), checking alloc ",
+                           "internal: <1> t.c(2): pointer MW-0x10 is invalid"});
+  vemo::mwHead = HeaderOf(p);
+  mwFree(p, "t.c", 3);
+}
+
 // ---- Probes ----------------------------------------------------------------------------------
 
 void previous_handler(int) {}

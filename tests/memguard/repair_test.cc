@@ -153,6 +153,32 @@ TEST_F(MwRepair, WildPrevOfTheHeadIsCleared) {
   ExpectChain({b, a});
 }
 
+TEST_F(MwRepair, UnlinkingReportsLinksThatDoNotFit) {
+  Start();
+  mwData p{}, x{}, n{};
+  mwData *head = vemo::mwHead;
+  mwData *tail = vemo::mwTail;
+  vemo::MwGuard guard;
+  // x's neighbours do not point back at it, and x is neither head nor tail.
+  x.prev = &p;
+  x.next = &n;
+  vemo::mwUnlinkBlock(&x, "t.c", 1);
+  EXPECT_EQ(p.next, nullptr);
+  EXPECT_EQ(n.prev, nullptr);
+  x.prev = nullptr;
+  x.next = nullptr;
+  vemo::mwUnlinkBlock(&x, nullptr, 2);
+  EXPECT_EQ(vemo::mwHead, nullptr);
+  EXPECT_EQ(vemo::mwTail, nullptr);
+  vemo::mwHead = head;
+  vemo::mwTail = tail;
+  std::string mw = "MW-" + Hex(&x);
+  ExpectLines(NewLines(), {"internal: <0> t.c(1), " + mw + ": link1 failure",
+                           "internal: <0> t.c(1), " + mw + ": link2 failure",
+                           "internal: <0> unknown(2), " + mw + ": link1 NULL, but not head",
+                           "internal: <0> unknown(2), " + mw + ": link2 NULL, but not tail"});
+}
+
 TEST_F(MwRepair, EmptyHeapHasNothingToRepair) {
   Start();
   vemo::MwGuard guard;

@@ -1,5 +1,6 @@
 // The final report: leaks with their dumps, retained blocks, marks, reserve, statistics and
 // the closing anomaly count.
+#include <stdlib.h>
 #include <string.h>
 
 #include "mw_test_support.h"
@@ -174,6 +175,37 @@ TEST_F(MwReport, AutomaticCheckRunsBeforeTheLeakScan) {
   EXPECT_EQ(lines[3], "overflow: <1> unknown(0), 4 bytes alloc'd at <1> a.c(1)");
   EXPECT_TRUE(LineMatches(lines[4], "unfreed: <1> a.c(1), 4 bytes at {ADDR} [overflowed]  \t{FE FE FE FE .. .. .. .. .. .. .. .. .. .. .. .. ....}"))
       << lines[4];
+}
+
+TEST_F(MwReport, UnownedHeadAbandonsTheLeakScanAfterThreeRestarts) {
+  void *p = mwMalloc(4, "a.c", 1);
+  alignas(16) static vemo::mwData fake;  // all zero: its check value is wrong
+  vemo::mwHead = &fake;
+  Mark();
+  mwTerm();
+  std::vector<std::string> lines = NewLines();
+  ASSERT_GE(lines.size(), 6u);
+  ExpectLines(std::vector<std::string>(lines.begin(), lines.begin() + 6),
+              {"", "Stopped at {TIME}", "", "internal: NML/unfreed scan restarting",
+               "internal: NML/unfreed scan restarting", "internal: NML/unfreed scan restarting"});
+  EXPECT_EQ(vemo::mwHead, nullptr);
+  EXPECT_EQ(vemo::mwTail, nullptr);
+  free(HeaderOf(p));  // abandoned by the report
+}
+
+std::string g_hooked;
+void capture_hook(int c) { g_hooked += static_cast<char>(c); }
+
+TEST_F(MwReport, ReportOfATerminatedAllocatorSaysSoThroughTheHook) {
+  Start();
+  mwSetOutFunc(capture_hook);
+  mwTerm();
+  g_hooked.clear();
+  mwAbort();
+  EXPECT_EQ(g_hooked.find("\nStopped at "), 0u) << g_hooked;
+  EXPECT_NE(g_hooked.find("\ninternal: mwAbort(): MEMGUARD not initialized!\n"), std::string::npos);
+  EXPECT_EQ(vemo::mwInitCount, 0);
+  EXPECT_EQ(vemo::mwLogStream1, nullptr);
 }
 
 }  // namespace
