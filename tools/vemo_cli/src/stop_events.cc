@@ -24,6 +24,13 @@ void post_byte(char byte) {
 
 void on_stop_signal(int) {
   int saved = errno;
+  // One-shot for both signals: the first asks for an orderly stop (unregistering takes a round
+  // trip to the daemon); a second one, should that hang, ends the process the default way.
+  struct sigaction dfl = {};
+  dfl.sa_handler = SIG_DFL;
+  sigemptyset(&dfl.sa_mask);
+  sigaction(SIGINT, &dfl, nullptr);
+  sigaction(SIGTERM, &dfl, nullptr);
   post_byte(static_cast<char>(StopReason::kSignal));
   errno = saved;
 }
@@ -45,9 +52,9 @@ bool stop_events_init() {
   memset(&action, 0, sizeof action);
   action.sa_handler = on_stop_signal;
   sigemptyset(&action.sa_mask);
-  // One-shot: the first signal asks for an orderly stop (unregistering takes a round trip to the
-  // daemon); a second one, should that hang, ends the process.
-  action.sa_flags = SA_RESETHAND;
+  // Both blocked while the handler runs, so that the second cannot find the first half done.
+  sigaddset(&action.sa_mask, SIGINT);
+  sigaddset(&action.sa_mask, SIGTERM);
   return sigaction(SIGINT, &action, nullptr) == 0 && sigaction(SIGTERM, &action, nullptr) == 0;
 }
 

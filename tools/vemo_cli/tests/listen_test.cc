@@ -159,6 +159,16 @@ TEST_F(DaemonListen, StopsOnSigintAndUnregisters) {
   EXPECT_TRUE(Unregistered());
 }
 
+TEST_F(DaemonListen, SecondSignalEndsAtOnce) {
+  // The daemon never acknowledges the unregistration: the orderly stop hangs for 5 s.
+  daemon_.set_handler([](CloudDaemon &, const Received &r) { return r.method == "unregister_callback"; });
+  StartListening({"listen", "--answer", "x"});
+  ASSERT_TRUE(cli_.send_signal(SIGTERM));
+  ASSERT_TRUE(daemon_.wait_for_method("unregister_callback", kWaitMs).has_value());
+  ASSERT_TRUE(cli_.send_signal(SIGINT));  // the other one: both were one-shot
+  EXPECT_EQ(-1, cli_.wait_exit(3000).value_or(-2));
+}
+
 TEST_F(DaemonListen, StopsWhenItsTimeIsUp) {
   StartListening({"listen", "--answer", "x", "--for", "1"});
   EXPECT_EQ(0, Finish()) << cli_.err();
