@@ -19,8 +19,8 @@ exclude='^demo\.valgrind$'
 # without the privilege), those tests are left out and said so, not failed.
 if [ "$(head -n1 /proc/sys/fs/binfmt_misc/qemu-arm 2>/dev/null)" != enabled ]; then
   echo "test_arm: qemu-arm is not registered with binfmt_misc; skipping the tests that" \
-       "execute other armhf programs (cloudd.Process.*, MwDemo.*, demo.run)" >&2
-  exclude+='|^cloudd\.Process\.|^MwDemo\.|^demo\.run$'
+       "execute other armhf programs (cloudd.Process.*, RealDaemon.*, MwDemo.*, cli.*, demo.run)" >&2
+  exclude+='|^cloudd\.Process\.|^RealDaemon\.|^MwDemo\.|^cli\.|^demo\.run$'
 fi
 
 echo "=== armhf tests under qemu-arm"
