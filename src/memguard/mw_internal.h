@@ -126,6 +126,8 @@ extern int mwInitCount GUARDED_BY(mwLock);
 extern int mwBannerDone GUARDED_BY(mwLock);
 extern int mwExitHookWanted GUARDED_BY(mwLock);
 extern bool mwInReport GUARDED_BY(mwLock);
+// Set when no log file could be opened at the last start (every name was tried).
+extern bool mwLogUnavailable GUARDED_BY(mwLock);
 extern mwData *mwHead GUARDED_BY(mwLock);
 extern mwData *mwTail GUARDED_BY(mwLock);
 extern size_t mwDataSize GUARDED_BY(mwLock);
@@ -212,6 +214,8 @@ bool mwRetainedIntact(mwData *mw) REQUIRES(mwLock);
 // writer.cc
 void mwWrite(const char *format, ...) VEMO_PRINTF(1, 2) REQUIRES(mwLock);
 void mwDirect(const char *format, ...) VEMO_PRINTF(1, 2) REQUIRES(mwLock);
+// Where mwDirect writes, or NULL when such lines are skipped.
+FILE *mwDirectStream() REQUIRES(mwLock);
 void mwLogPutc(int c) REQUIRES(mwLock);
 FILE *mwCheckedLog() REQUIRES(mwLock);
 int mwCheckedFlushLevel() REQUIRES(mwLock);

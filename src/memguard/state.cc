@@ -70,6 +70,7 @@ int mwInitCount = 0;
 int mwBannerDone = 0;
 int mwExitHookWanted = 0;
 bool mwInReport = false;
+bool mwLogUnavailable = false;
 mwData *mwHead = nullptr;
 mwData *mwTail = nullptr;
 size_t mwDataSize = 0;
@@ -128,6 +129,7 @@ void mwInitLocked() {
       snprintf(name, sizeof name, "memgrd%02d.log", i);
       mwOpenLog(name);
     }
+    mwLogUnavailable = mwCheckedLog() == nullptr;
   }
   mwStatFreeAll();
   mwTotalBytes = 0;

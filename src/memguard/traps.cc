@@ -113,7 +113,8 @@ extern "C" VEMO_API int mwAriHandler(const char *text) {
     mwEnsureInit();
     mwDirect("\n%s\nMEMGUARD: Abort, Retry or Ignore? ", text);
     // The question must be visible before we wait for its answer.
-    fflush(mwLogStream1 != nullptr ? mwLogStream1 : stderr);
+    FILE *stream = mwDirectStream();
+    if (stream != nullptr) fflush(stream);
   }
   // Standard input is read without the lock: a person may take their time.
   char answer[82];

@@ -45,11 +45,18 @@ void mwWrite(const char *format, ...) {
   }
 }
 
-// Lines that must reach the log file whatever hook is installed. Without a log file they go
-// to standard error rather than nowhere: they are the trap prompts and trap ends, whose
-// reader would otherwise wait on a question nobody sees.
+// Lines that must reach the log file whatever hook is installed. When no log file could be
+// opened at all they go to standard error rather than nowhere: they are the trap prompts and
+// trap ends, whose reader would otherwise wait on a question nobody sees. Before the first
+// start (and after a report closed the log) there is simply no log yet, and they are skipped.
+FILE *mwDirectStream() {
+  if (mwLogStream1 != nullptr) return mwLogStream1;
+  return mwLogUnavailable ? stderr : nullptr;
+}
+
 void mwDirect(const char *format, ...) {
-  FILE *stream = mwLogStream1 != nullptr ? mwLogStream1 : stderr;
+  FILE *stream = mwDirectStream();
+  if (stream == nullptr) return;
   va_list args;
   va_start(args, format);
   vfprintf(stream, format, args);

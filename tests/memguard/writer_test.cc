@@ -73,6 +73,12 @@ TEST_F(MwWriter, BreakOutStandsTwiceWithTheDefaultHook) {
   ExpectLines(NewLines(), {"breakout: why", "breakout: why"});
 }
 
+TEST_F(MwWriter, BreakOutBeforeTheStartReachesTheLogOnce) {
+  // There is no log yet for the direct copy; the written copy starts the allocator.
+  mwBreakOut("early");
+  ExpectLines(NewLines(), {"breakout: early"});
+}
+
 TEST_F(MwWriter, OneDamagedLogHandleCopyIsOutvoted) {
   Start();
   Mark();
