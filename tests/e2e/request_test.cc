@@ -108,13 +108,17 @@ TEST_F(Request, ZeroTimeoutSendsTheRequestAndReturns20002) {
 }
 
 TEST_F(Request, NegativeTimeoutSendsTheRequestAndReturns20002) {
+  EXPECT_EQ(VEMO_ERR_TIMEOUT, vemo_send_request_async("never mind", -1, 0, nullptr));
   char *text = nullptr;
-  EXPECT_EQ(VEMO_ERR_TIMEOUT, vemo_send_request_sync("never mind", -1, 0, &text));
+  EXPECT_EQ(VEMO_ERR_TIMEOUT, vemo_send_request_sync("nor this", -1, 0, &text));
   EXPECT_EQ(nullptr, text);
-  std::optional<Received> sent = daemon_.wait_for_method("device_request", kWaitMs);
-  ASSERT_TRUE(sent.has_value());
-  EXPECT_EQ(-1, sent->timeout_ms);
-  EXPECT_NE(std::string::npos, sent->text.find(R"("timeout_ms":-1,)"));
+  std::optional<Received> first = daemon_.wait_for_method("device_request", kWaitMs);
+  ASSERT_TRUE(first.has_value());
+  EXPECT_EQ(-1, first->timeout_ms);
+  EXPECT_NE(std::string::npos, first->text.find(R"("timeout_ms":-1,)"));
+  std::optional<Received> second = daemon_.wait_for_method("device_request", kWaitMs, first->index + 1);
+  ASSERT_TRUE(second.has_value());
+  EXPECT_EQ("nor this", second->request);
 }
 
 TEST_F(Request, SyncWithoutResponseTimesOutAfterItsTimeout) {
@@ -267,6 +271,31 @@ TEST_F(Request, ConcurrentSyncRequestsEachGetTheirOwnResponse) {
   }
   for (auto &w : workers) EXPECT_EQ(0, FinishOrDie(w, 30000, "a thread of synchronous requests"));
   EXPECT_EQ(1, daemon_.connections_seen());
+  EXPECT_EQ(static_cast<size_t>(kThreads * kEach), ReceivedMethod("device_request").size());
+}
+
+// Frames larger than the socket's buffer go out in several pieces; the pieces of two threads'
+// frames must never interleave.
+TEST_F(Request, LargeRequestsFromSeveralThreadsArriveWhole) {
+  constexpr int kThreads = 4;
+  constexpr int kEach = 4;
+  constexpr size_t kSize = 512 * 1024;
+  std::vector<std::future<int>> workers;
+  for (int t = 0; t < kThreads; ++t) {
+    workers.push_back(std::async(std::launch::async, [t] {
+      int mismatches = 0;
+      for (int i = 0; i < kEach; ++i) {
+        const std::string mine(kSize, static_cast<char>('a' + t * kEach + i));
+        char *text = nullptr;
+        int rc = vemo_send_request_sync(mine.c_str(), 10000, 0, &text);
+        if (rc != 0 || text == nullptr || mine != text) ++mismatches;
+        free(text);
+      }
+      return mismatches;
+    }));
+  }
+  for (auto &w : workers) EXPECT_EQ(0, FinishOrDie(w, 60000, "a thread of large requests"));
+  EXPECT_EQ(1, daemon_.connections_seen()) << "the daemon dropped a connection over a broken frame";
   EXPECT_EQ(static_cast<size_t>(kThreads * kEach), ReceivedMethod("device_request").size());
 }
 

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <sys/socket.h>
 #include <sys/un.h>
+#include <string.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -168,6 +169,28 @@ TEST_F(Startup, GreetingWithPositiveDaemonCodeFailsTheConnection) {
   daemon_.set_greeting(0);
   EXPECT_EQ(0, vemo_reconnect_cloud());
   EXPECT_EQ(2, daemon_.connections_seen());
+}
+
+std::atomic<int> g_call_in_greeting{1};
+
+void calls_from_the_greeting(const char *request, char **response) {
+  g_call_in_greeting = vemo_send_request_async("inside the greeting", 1000, 0, nullptr);
+  *response = strdup(("seen:" + std::string(request)).c_str());
+}
+
+// A greeting may be any message. A cloud request reaches the handler that the registration in
+// progress has just stored, on the thread that is starting the client: a call the handler makes
+// cannot wait for that start-up, and fails at once instead of hanging.
+TEST_F(Startup, HandlerCalledFromTheGreetingDoesNotWaitForItsOwnStartup) {
+  daemon_.disable_greeting();
+  EXPECT_EQ(0, CallWithGreeting(R"({"inner_method":"cloud_request","inner_id":5,"inner_params":{"request":"first"}})",
+                                [] { return vemo_register_callback(calls_from_the_greeting, nullptr); }));
+  EXPECT_EQ(VEMO_ERR_DISCONNECTED, g_call_in_greeting.load());
+  std::optional<Received> reply = daemon_.wait_for_reply(5, kWaitMs);
+  ASSERT_TRUE(reply.has_value()) << "the greeting's reply went nowhere";
+  EXPECT_EQ("seen:first", reply->response);
+  EXPECT_EQ(1, daemon_.connections_seen());
+  EXPECT_EQ(1u, ReceivedMethod("register_callback").size());
 }
 
 // The one test of the full greeting wait (5000 ms).
