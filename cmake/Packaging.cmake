@@ -12,9 +12,10 @@
 # in libvemo-dev either, because -dev is Multi-Arch: same (amd64 and armhf side by side for
 # cross development) and a program in /usr/bin cannot be shared between architectures.
 #
-# Build them in a tree configured with -DCMAKE_INSTALL_PREFIX=/usr (so that the libraries go to
-# the multiarch directory /usr/lib/<triplet>), then `cpack -G DEB` there; scripts/package.sh
-# does this for amd64 and, through cmake/toolchain-armhf.cmake, for armhf.
+# Build them in a tree configured with -DCMAKE_INSTALL_PREFIX=/usr and
+# -DCMAKE_INSTALL_LIBDIR=lib/<triplet> (Debian's multiarch directory, which GNUInstallDirs does
+# not choose in a cross build), then `cpack -G DEB` there; scripts/package.sh does this for amd64
+# and, through cmake/toolchain-armhf.cmake, for armhf.
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME vemo)
 set(CPACK_PACKAGE_VENDOR vemo)
@@ -47,10 +48,10 @@ endif()
 # Descriptions: the first line is the summary; CPack indents the rest and turns the empty line
 # into the paragraph separator.
 
-# Dependencies are stated rather than computed with dpkg-shlibdeps, which does not see a cross
-# build's foreign libraries reliably. The C library floor is the one whose symbol versions the
-# library uses (scripts/package.sh checks it); the C++ runtime is the compiler's.
-set(VEMO_DEB_SYSTEM_DEPENDS "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 12)")
+# Dependencies are stated rather than computed by CPack, whose dpkg-shlibdeps call knows nothing
+# of a cross build's target architecture. They are what dpkg-shlibdeps computes for amd64 and
+# armhf when told the architecture; scripts/package.sh checks that they still cover it.
+set(VEMO_DEB_SYSTEM_DEPENDS "libc6 (>= 2.34), libgcc-s1 (>= 3.5), libstdc++6 (>= 11)")
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME libvemo1)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
@@ -76,8 +77,9 @@ Headers, the static library, the pkg-config file (vemo) and the CMake package
 
 set(CPACK_DEBIAN_UNSPECIFIED_PACKAGE_NAME vemo-tools)
 set(CPACK_DEBIAN_UNSPECIFIED_PACKAGE_SECTION devel)
-# The tools link vemo statically.
-set(CPACK_DEBIAN_UNSPECIFIED_PACKAGE_DEPENDS "${VEMO_DEB_SYSTEM_DEPENDS}, libcjson1 (>= 1.7.10)")
+# The daemon links vemo statically, the command-line client the shared library of the same build.
+set(CPACK_DEBIAN_UNSPECIFIED_PACKAGE_DEPENDS
+    "libvemo1 (= ${PROJECT_VERSION}-${CPACK_DEBIAN_PACKAGE_RELEASE}), ${VEMO_DEB_SYSTEM_DEPENDS}, libcjson1 (>= 1.7.10)")
 set(CPACK_DEBIAN_UNSPECIFIED_DESCRIPTION
 "reference cloud-service daemon and tools for libvemo
 vemo_cloudd serves /tmp/cloud_svr as the device's cloud-service daemon does and plays the

@@ -34,9 +34,37 @@ check_absent() {
   done
 }
 
-# glibc_floor FILE...: the highest GLIBC_ symbol version the files need.
-glibc_floor() {
-  objdump -T "$@" 2>/dev/null | grep -o 'GLIBC_[0-9.]*' | sed 's/GLIBC_//' | sort -V | tail -n1
+# shlibs_depends ARCH TRIPLET LIBDIR FILE...: the dependencies that dpkg-shlibdeps computes for
+# the files from the symbol versions they use (the foreign architecture's libraries included).
+# libvemo itself, in LIBDIR, has no shlibs file: a file linked to it is checked apart.
+shlibs_depends() {
+  local arch=$1 triplet=$2 libdir=$3; shift 3
+  local d
+  d=$(mktemp -d)
+  mkdir "$d/debian"
+  printf 'Source: vemo\n\nPackage: vemo\nArchitecture: any\n' >"$d/debian/control"
+  (cd "$d" && DEB_HOST_ARCH=$arch DEB_HOST_MULTIARCH=$triplet DEB_HOST_GNU_TYPE=$triplet \
+     dpkg-shlibdeps -O --ignore-missing-info -l"$libdir" "$@" 2>/dev/null) | sed -n 's/^shlibs:Depends=//p'
+  rm -rf "$d"
+}
+
+# check_covers DEB COMPUTED: each "name (>= version)" of COMPUTED is stated in DEB's Depends
+# with at least that version.
+check_covers() {
+  local deb=$1 computed=$2 stated item name version have
+  stated=$(dpkg-deb --field "$deb" Depends)
+  IFS=',' read -ra items <<<"$computed"
+  for item in "${items[@]}"; do
+    name=$(awk '{print $1}' <<<"$item")
+    version=$(sed -n 's/.*(>= \(.*\)).*/\1/p' <<<"$item")
+    have=$(sed -n "s/.*\b$name (>= \([^)]*\)).*/\1/p" <<<"$stated")
+    if [ -z "$have" ]; then
+      [[ ",$stated," == *", $name,"* || "$stated" == "$name"* ]] && [ -z "$version" ] ||
+        fail "$(basename "$deb") does not state $item"
+    elif [ -n "$version" ] && ! dpkg --compare-versions "$have" ge "$version"; then
+      fail "$(basename "$deb") states $name (>= $have), its files need $item"
+    fi
+  done
 }
 
 for arch in "${arches[@]}"; do
@@ -48,9 +76,10 @@ for arch in "${arches[@]}"; do
   esac
   dir="$root/build/pkg-$arch"
   echo "=== $arch packages"
-  # /usr as the prefix puts the libraries in the multiarch directory /usr/lib/$triplet.
+  # Libraries go to Debian's multiarch directory; GNUInstallDirs chooses it by itself only for
+  # native builds with the prefix /usr, so it is said for both.
   "$root/scripts/build.sh" "$dir" "${cross[@]}" -DCMAKE_BUILD_TYPE=Release \
-    -DCMAKE_INSTALL_PREFIX=/usr -DVEMO_BUILD_TESTS=OFF -DVEMO_BUILD_EXAMPLES=OFF \
+    -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="lib/$triplet" -DVEMO_BUILD_TESTS=OFF -DVEMO_BUILD_EXAMPLES=OFF \
     -DVEMO_BUILD_BENCH=OFF
   rm -rf "$dir/packages"
   (cd "$dir" && cpack -G DEB >"$dir/cpack.log") || { cat "$dir/cpack.log"; exit 1; }
@@ -88,8 +117,8 @@ for arch in "${arches[@]}"; do
   [[ "$(dpkg-deb --field "$runtime" Depends)" == *libcjson1* ]] || fail "libvemo1 does not depend on libcjson1"
   [[ "$(dpkg-deb --field "$dev" Depends)" == *libcjson-dev* ]] || fail "libvemo-dev does not depend on libcjson-dev"
 
-  # What is inside: programs of the package's architecture, a pkg-config file for /usr, and no
-  # C library symbol newer than the stated floor.
+  # What is inside: programs of the package's architecture, a pkg-config file for /usr, and
+  # stated dependencies that cover what the files need.
   x="$dir/unpacked"
   rm -rf "$x" && mkdir -p "$x"
   for deb in "$runtime" "$dev" "$tools"; do dpkg-deb -x "$deb" "$x"; done
@@ -97,12 +126,19 @@ for arch in "${arches[@]}"; do
     readelf -h "$f" | grep -q "Machine: *.*$machine" || fail "$(basename "$f") is not built for $arch"
   done
   grep -qx 'prefix=/usr' "$x/$lib/pkgconfig/vemo.pc" || fail "vemo.pc does not name /usr"
-  floor=$(sed -n 's/.*libc6 (>= \([0-9.]*\)).*/\1/p' <<<"$(dpkg-deb --field "$runtime" Depends)")
-  need=$(glibc_floor "$x/$lib/libvemo.so.$version" "$x"/usr/bin/*)
-  if [ "$(printf '%s\n%s\n' "$need" "$floor" | sort -V | tail -n1)" != "$floor" ]; then
-    fail "the programs need GLIBC_$need, the packages state libc6 (>= $floor)"
-  fi
-  echo "  C library symbols up to GLIBC_$need (stated floor $floor)"
+  need=$(shlibs_depends "$arch" "$triplet" "$x/$lib" "$x/$lib/libvemo.so.$version")
+  echo "  dpkg-shlibdeps for libvemo.so: $need"
+  check_covers "$runtime" "$need"
+  need=$(shlibs_depends "$arch" "$triplet" "$x/$lib" "$x"/usr/bin/*)
+  echo "  dpkg-shlibdeps for the tools: $need"
+  [ -n "$need" ] || fail "dpkg-shlibdeps found nothing for the tools"
+  check_covers "$tools" "$need"
+  for f in "$x"/usr/bin/*; do
+    if readelf -d "$f" | grep -q 'NEEDED.*\[libvemo\.so\.1\]'; then
+      [[ "$(dpkg-deb --field "$tools" Depends)" == *"libvemo1 (= $version-1)"* ]] ||
+        fail "$(basename "$f") loads libvemo.so.1, but vemo-tools does not depend on this libvemo1"
+    fi
+  done
 done
 
 if [ $failures -ne 0 ]; then
