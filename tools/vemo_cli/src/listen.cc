@@ -9,6 +9,7 @@
 #include <vemo/vemo.h>
 
 #include "commands.h"
+#include "dispatch_tracker.h"
 #include "format.h"
 #include "output.h"
 #include "run_command.h"
@@ -29,6 +30,9 @@ struct ListenState {
   int count = 0;
   std::atomic<int> handled{0};
 };
+
+// How long the stop waits for the threads that deliver answers, beyond a command's time limit.
+constexpr int kDrainMs = 5000;
 
 ListenState &state() {
   static ListenState *s = new ListenState;
@@ -73,6 +77,7 @@ bool make_answer(const ListenState &s, const std::string &request, std::string *
 // with --exec it blocks that thread for as long as the command runs (up to its time limit).
 // Nothing may be thrown from here into the library.
 void on_cloud_request(const char *request, char **response) {
+  dispatch_tracker_enter();
   ListenState &s = state();
   try {
     const std::string text = request != nullptr ? request : "";
@@ -88,6 +93,7 @@ void on_cloud_request(const char *request, char **response) {
 
 // Hello handlers: also on library dispatch threads.
 void on_hello_request(char **response) {
+  dispatch_tracker_enter();
   try {
     print_event("hello request");
     *response = heap_copy(state().hello_text);
@@ -96,6 +102,7 @@ void on_hello_request(char **response) {
 }
 
 void on_hello_response(const char *response) {
+  dispatch_tracker_enter();
   try {
     print_event("hello response: " + one_line(response != nullptr ? response : ""));
   } catch (...) {
@@ -115,6 +122,10 @@ int run_listen(const Options &o) {
     report("listen: cannot set up the signal handling");
     return kExitToolFailure;
   }
+  if (!dispatch_tracker_init()) {
+    report("listen: cannot set up the tracking of the library's threads");
+    return kExitToolFailure;
+  }
 
   // The library keeps its own copy of the pair.
   const vemo_hello_cloud_cb_t hello = {on_hello_request, on_hello_response};
@@ -132,11 +143,17 @@ int run_listen(const Options &o) {
     status = kExitToolFailure;
   }
 
+  // Answers still on their way go out before the daemon hears that we leave, and a request
+  // dispatched while we unregistered is answered before the exit shuts the connection down. A
+  // handler may be running its command: give it its time limit.
+  const int drain_ms = kDrainMs + (s.mode == AnswerMode::kExec ? s.exec_timeout_ms : 0);
+  dispatch_tracker_wait_idle(drain_ms);
   rc = vemo_unregister_callback();
   if (rc != 0) {
     int unregister_status = report_code("listen: unregistering", rc);
     if (status == kExitOk) status = unregister_status;
   }
+  dispatch_tracker_wait_idle(drain_ms);
   return status;
 }
 

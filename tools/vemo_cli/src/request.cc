@@ -8,6 +8,7 @@
 
 #include <vemo/vemo.h>
 
+#include "clock.h"
 #include "commands.h"
 #include "format.h"
 #include "output.h"
@@ -41,14 +42,7 @@ class ArrivalSignal {
 
   // True once a response arrived; false when wait_ms passed first. *id: the callback's id.
   bool wait(int wait_ms, int *id) {
-    struct timespec deadline;
-    clock_gettime(CLOCK_MONOTONIC, &deadline);
-    deadline.tv_sec += wait_ms / 1000;
-    deadline.tv_nsec += static_cast<long>(wait_ms % 1000) * 1000000L;
-    if (deadline.tv_nsec >= 1000000000L) {
-      deadline.tv_sec += 1;
-      deadline.tv_nsec -= 1000000000L;
-    }
+    const struct timespec deadline = monotonic_deadline(wait_ms);
     pthread_mutex_lock(&mutex_);
     while (!arrived_) {
       if (pthread_cond_timedwait(&cond_, &mutex_, &deadline) == ETIMEDOUT) break;

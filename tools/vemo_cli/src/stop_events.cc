@@ -8,6 +8,8 @@
 #include <time.h>
 #include <unistd.h>
 
+#include "clock.h"
+
 namespace vemo_cli {
 namespace {
 
@@ -35,12 +37,6 @@ void on_stop_signal(int) {
   errno = saved;
 }
 
-long now_ms() {
-  struct timespec now;
-  clock_gettime(CLOCK_MONOTONIC, &now);
-  return static_cast<long>(now.tv_sec) * 1000L + now.tv_nsec / 1000000L;
-}
-
 }  // namespace
 
 bool stop_events_init() {
@@ -61,11 +57,11 @@ bool stop_events_init() {
 void stop_events_post(StopReason reason) { post_byte(static_cast<char>(reason)); }
 
 StopReason stop_events_wait(int timeout_ms) {
-  const long deadline = timeout_ms >= 0 ? now_ms() + timeout_ms : 0;
+  const long deadline = timeout_ms >= 0 ? monotonic_ms() + timeout_ms : 0;
   for (;;) {
     int left = -1;
     if (timeout_ms >= 0) {
-      long remaining = deadline - now_ms();
+      long remaining = deadline - monotonic_ms();
       left = remaining > 0 ? static_cast<int>(remaining) : 0;
     }
     struct pollfd p = {g_read_fd, POLLIN, 0};
