@@ -476,7 +476,7 @@ void Stress::conductor() {
     return;
   }
   set_phase(kOrdered);
-  int written = daemon_.send_server_notify(1);
+  int written = daemon_.send_server_notify(1, first_conn());
   if (written != 1) note_failure("conductor: notify written to " + std::to_string(written));
   // The reconnected client's first message (its start-up is complete by then) also tells that
   // the first client is gone for good: a client starts only once the last one is torn down.
