@@ -85,7 +85,7 @@ MW_UNCHECKED_ACCESS int mwProbe(const void *p, size_t length) {
 namespace {
 
 MW_UNCHECKED_ACCESS bool readable(const mwData *mw) REQUIRES(mwLock) {
-  return mwProbe(mw, mwDataSize) != 0;
+  return mwAligned(mw) && mwProbe(mw, mwDataSize) != 0;
 }
 
 MW_UNCHECKED_ACCESS bool prev_fits(const mwData *mw, bool probed) REQUIRES(mwLock) {
@@ -162,7 +162,7 @@ MW_UNCHECKED_ACCESS int mwIsOwned(mwData *mw, const char *file, int line) {
 
 MW_UNCHECKED_ACCESS int mwCheckBlock(mwData *mw, const char *file, int line) {
   if (file == nullptr) file = "unknown";
-  if (mwProbe(mw, mwDataSize + kGuardLen) == 0) {
+  if (!mwAligned(mw) || mwProbe(mw, mwDataSize + kGuardLen) == 0) {
     mwWrite("internal: <%ld> %s(%d): pointer MW-%p is invalid\n", mwEventCount, file, line,
             (void *)mw);
     mwCountAnomaly();

@@ -37,14 +37,14 @@ extern "C" VEMO_API void *mwMark(void *p, const char *description, const char *f
     mwWrite("mark: %s(%d), no mark for NULL:'%s' may be set\n", file, line, description);
     return p;
   }
-  if (mwFirstMark != nullptr && mwProbe(mwFirstMark, 16) == 0) {
+  if (mwFirstMark != nullptr && (!mwAligned(mwFirstMark) || mwProbe(mwFirstMark, 16) == 0)) {
     mwWrite("mark: %s(%d), mwFirstMark (%p) is trashed, can't mark for %s\n", file, line,
             (void *)mwFirstMark, description);
     return p;
   }
   mwMarkEntry *found = nullptr;
   for (mwMarkEntry *entry = mwFirstMark; entry != nullptr; entry = entry->next) {
-    if (entry->next != nullptr && mwProbe(entry->next, 16) == 0) {
+    if (entry->next != nullptr && (!mwAligned(entry->next) || mwProbe(entry->next, 16) == 0)) {
       mwWrite("mark: %s(%d), mark(%p)->next(%p) is trashed, can't mark for %s\n", file, line,
               (void *)entry, (void *)entry->next, description);
       return p;

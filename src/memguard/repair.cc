@@ -10,7 +10,7 @@ namespace vemo {
 namespace {
 
 MW_UNCHECKED_ACCESS bool readable(const mwData *mw) REQUIRES(mwLock) {
-  return mwProbe(mw, mwDataSize) != 0;
+  return mwAligned(mw) && mwProbe(mw, mwDataSize) != 0;
 }
 
 MW_UNCHECKED_ACCESS const char *retained_word(const mwData *mw) {

@@ -111,6 +111,15 @@ TEST_F(MwFree, FreeOfForeignPointerReleasesNothing) {
   mwFree(p, "a.c", 3);
 }
 
+TEST_F(MwFree, MisalignedPointerIsWildAndItsHeaderNeverRead) {
+  char *p = static_cast<char *>(mwMalloc(16, "a.c", 1));
+  mwFree(p + 1, "a.c", 2);
+  EXPECT_EQ(mwTestBuffer("a.c", 3, p + 3), 1);
+  ExpectLines(NewLines(), {"WILD free: <2> a.c(2), unknown pointer " + Hex(p + 1)});
+  EXPECT_EQ(vemo::mwLiveBlocks, 1);
+  mwFree(p, "a.c", 4);
+}
+
 TEST_F(MwFree, FreeBeforeAnyAllocationIsWild) {
   Start();
   alignas(16) static unsigned char foreign[256];
