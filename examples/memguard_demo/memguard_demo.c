@@ -24,10 +24,11 @@ int main(void) {
   kept = strdup("never freed"); /* a leak: listed with a dump of its first bytes */
 
   overrun = malloc(8);
+  twice = calloc(4, 4);
+
   memcpy(overrun, "123456789", 10); /* two bytes past the end, into the guard */
   free(overrun);                    /* the overflow is found here */
 
-  twice = calloc(4, 4);
   free(twice);
   free(twice); /* a double free: named with the place of the first one */
 

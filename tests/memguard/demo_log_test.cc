@@ -54,7 +54,7 @@ TEST_F(MwDemo, LogFollowsTheReportFormat) {
                sizes,
                "",
                "statistics: now collecting on a module basis",
-               "overflow: <3> " + src + "({N}), 8 bytes alloc'd at <2> " + src + "({N})",
+               "overflow: <4> " + src + "({N}), 8 bytes alloc'd at <2> " + src + "({N})",
                "double-free: <6> " + src + "({N}), {ADDR} was freed from " + src + "({N})",
                "",
                "Stopped at {TIME}",
@@ -64,13 +64,13 @@ TEST_F(MwDemo, LogFollowsTheReportFormat) {
                "",
                "Memory usage statistics (global):",
                " N)umber of allocations made: 3",
-               " L)argest memory usage      : 28",
+               " L)argest memory usage      : 36",
                " T)otal of all alloc() calls: 36",
                " U)nfreed bytes totals      : 12",
                "",
                "Memory usage statistics (detailed):",
                " Module/Line                                Number   Largest  Total    Unfreed ",
-               Row(src.c_str(), 3, 28, 36, 12),
+               Row(src.c_str(), 3, 36, 36, 12),
                "MEMGUARD detected 3 anomalies"});
 }
 
