@@ -4,6 +4,10 @@
 #include <stdlib.h>
 
 #include <atomic>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+#include <vector>
 
 #include "client/messages.h"
 #include "measure.h"
@@ -54,6 +58,79 @@ double log_line_cost(FILE *stream, const std::string &frame) {
 
 void noop_task(void *) {}
 
+constexpr int kHandOffs = 5000;
+
+// One hand-off: the sender notes when it hands on, the receiving thread when it runs.
+struct HandOff {
+  std::mutex mu;
+  std::condition_variable cv;
+  double sent = 0;
+  double ran = -1;
+  bool go = false;
+  bool quit = false;
+};
+
+void note_ran(void *arg) {
+  HandOff *h = static_cast<HandOff *>(arg);
+  double now = now_seconds();
+  std::lock_guard<std::mutex> hold(h->mu);
+  h->ran = now;
+  h->cv.notify_all();
+}
+
+// Waits until the receiver has noted its start; the latency in microseconds.
+double await_ran(HandOff *h) {
+  std::unique_lock<std::mutex> hold(h->mu);
+  h->cv.wait(hold, [h] { return h->ran >= 0; });
+  double us = (h->ran - h->sent) * 1e6;
+  h->ran = -1;
+  return us;
+}
+
+void hand_off_latencies(PieceCosts *costs) {
+  HandOff h;
+  std::vector<double> started, woken;
+  task_pool_t *pool = task_pool_init();
+  if (pool == nullptr) return;
+  for (int i = 0; i < kHandOffs; ++i) {
+    h.sent = now_seconds();
+    task_pool_add(pool, note_ran, nullptr, &h);
+    started.push_back(await_ran(&h));
+  }
+  task_pool_destroy(pool);
+  std::thread waiter([&h] {
+    std::unique_lock<std::mutex> hold(h.mu);
+    for (;;) {
+      h.cv.wait(hold, [&h] { return h.go || h.quit; });
+      if (h.quit) return;
+      h.go = false;
+      h.ran = now_seconds();
+      h.cv.notify_all();
+    }
+  });
+  for (int i = 0; i < kHandOffs; ++i) {
+    {
+      std::lock_guard<std::mutex> hold(h.mu);
+      h.sent = now_seconds();
+      h.go = true;
+      h.cv.notify_all();
+    }
+    woken.push_back(await_ran(&h));
+  }
+  {
+    std::lock_guard<std::mutex> hold(h.mu);
+    h.quit = true;
+    h.cv.notify_all();
+  }
+  waiter.join();
+  Summary s = summarize(&started);
+  costs->thread_start_p50_us = s.p50;
+  costs->thread_start_p99_us = s.p99;
+  Summary w = summarize(&woken);
+  costs->wake_p50_us = w.p50;
+  costs->wake_p99_us = w.p99;
+}
+
 }  // namespace
 
 PieceCosts measure_pieces(const std::string &request, const std::string &frame,
@@ -90,6 +167,7 @@ PieceCosts measure_pieces(const std::string &request, const std::string &frame,
     vemo::JsonPtr r(cJSON_Parse(response.c_str()));
   }
   costs.json_us = watch.stop().cpu / kJsonRounds * 1e6;
+  hand_off_latencies(&costs);
   return costs;
 }
 

@@ -14,6 +14,10 @@ struct PieceCosts {
   double thread_task_us = 0;        // CPU of one task-pool task (a thread started and ended)
   double thread_task_wall_us = 0;   // wall time per task when started back to back
   double json_us = 0;               // build + print a request, parse its ack and its response
+  // From handing a message on to its handler running: a new thread per message, as the
+  // client dispatches, against waking one thread that already waits (microseconds).
+  double thread_start_p50_us = 0, thread_start_p99_us = 0;
+  double wake_p50_us = 0, wake_p99_us = 0;
 };
 
 // Measures the pieces for one request text, its frame and the daemon's two answers.

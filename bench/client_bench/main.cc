@@ -37,6 +37,9 @@ struct Options {
   int samples = 5000;    // per latency measurement
   int size = 100;        // bytes of request text
   std::string report;
+  // Runs one throughput phase alone, for a profiler (perf, strace -c) to look at.
+  std::string only;
+  int threads = 1;
 };
 
 bool parse_options(int argc, char **argv, Options *o) {
@@ -51,6 +54,12 @@ bool parse_options(int argc, char **argv, Options *o) {
       o->size = atoi(value);
     } else if (value != nullptr && arg == "--report") {
       o->report = value;
+    } else if (value != nullptr && arg == "--only") {
+      o->only = value;
+      if (o->only != "floor" && o->only != "async" && o->only != "sync") return false;
+    } else if (value != nullptr && arg == "--threads") {
+      o->threads = atoi(value);
+      if (o->threads < 1 || o->threads > kMaxThreads) return false;
     } else {
       return false;
     }
@@ -198,7 +207,8 @@ int main(int argc, char **argv) {
   if (!parse_options(argc, argv, &opt)) {
     fprintf(stderr,
             "usage: client_bench [--requests N>=64] [--samples N] [--size BYTES] [--report FILE]"
-            " >/dev/null\n");
+            " >/dev/null\n"
+            "       client_bench --only floor|async|sync [--threads N] [--requests N] >/dev/null\n");
     return 2;
   }
   if (isatty(STDOUT_FILENO))
@@ -231,6 +241,18 @@ int main(int argc, char **argv) {
     fprintf(stderr, "client_bench: %ld of the warm-up requests failed; is the daemon up?\n",
             warm_errors);
     return 1;
+  }
+
+  if (!opt.only.empty()) {
+    Interval i = opt.only == "floor"   ? run_floor(echo, t, opt.threads, opt.requests)
+                 : opt.only == "async" ? run_async(t, opt.threads, opt.requests, daemon.pid(),
+                                                   collect_cb)
+                                       : run_sync(t, opt.threads, opt.requests, daemon.pid());
+    fprintf(stderr, "%s, %d thread(s): %.0f req/s, %.3f CPU s/10k, %.1f context switches per "
+            "request, failed %ld\n",
+            opt.only.c_str(), opt.threads, opt.requests / i.wall, per_10k(i.cpu, opt.requests),
+            static_cast<double>(i.switches) / opt.requests, g_errors.load());
+    return g_errors.load() == 0 ? 0 : 1;
   }
 
   std::string out;
@@ -305,6 +327,10 @@ int main(int argc, char **argv) {
                 pieces.thread_task_us, pieces.thread_task_wall_us);
   out += format("| JSON: build + print the request, parse the ack and the response | %.2f us CPU |\n",
                 pieces.json_us);
+  out += format("| hand a message on: new thread per message, p50 / p99 | %.1f / %.1f us |\n",
+                pieces.thread_start_p50_us, pieces.thread_start_p99_us);
+  out += format("| hand a message on: wake a waiting thread, p50 / p99 | %.1f / %.1f us |\n",
+                pieces.wake_p50_us, pieces.wake_p99_us);
   auto switches = [&opt](const Interval &i) {
     return static_cast<double>(i.switches) / opt.requests;
   };
