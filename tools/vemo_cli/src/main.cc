@@ -1,6 +1,7 @@
 // vemo-cli: the vemo client API from the command line, for checking a device in the field.
 #include <stdio.h>
 
+#include <exception>
 #include <string>
 
 #include "commands.h"
@@ -36,11 +37,16 @@ int main(int argc, char **argv) {
     return kExitToolFailure;
   }
   int status = kExitUsage;
-  switch (o.command) {
-    case Command::kRequest: status = run_request(o); break;
-    case Command::kReconnect: status = run_reconnect(o); break;
-    case Command::kListen: status = run_listen(o); break;
-    case Command::kNone: break;
+  try {
+    switch (o.command) {
+      case Command::kRequest: status = run_request(o); break;
+      case Command::kReconnect: status = run_reconnect(o); break;
+      case Command::kListen: status = run_listen(o); break;
+      case Command::kNone: break;
+    }
+  } catch (const std::exception &e) {  // out of memory, in practice
+    report(std::string("failed: ") + e.what());
+    status = kExitToolFailure;
   }
   if (!output_flush() && status == kExitOk) {
     report("cannot write to standard output");

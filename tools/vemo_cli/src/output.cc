@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <signal.h>
 #include <string.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <vemo/codes.h>
@@ -78,12 +79,20 @@ bool output_flush() {
   return fflush(out) == 0 && !ferror(out);
 }
 
-void report(const std::string &text) {
-  std::string line = "vemo-cli: " + text + "\n";
-  // One write, so that lines of threads reporting at once do not interleave.
-  ssize_t ignored = write(STDERR_FILENO, line.data(), line.size());
+void report(const char *text, size_t length) noexcept {
+  // One write without allocating: lines of threads reporting at once do not interleave, and a
+  // handler may report that memory ran out.
+  static const char kPrefix[] = "vemo-cli: ";
+  struct iovec parts[3] = {{const_cast<char *>(kPrefix), sizeof kPrefix - 1},
+                           {const_cast<char *>(text), length},
+                           {const_cast<char *>("\n"), 1}};
+  ssize_t ignored = writev(STDERR_FILENO, parts, 3);
   (void)ignored;
 }
+
+void report(const char *text) noexcept { report(text, strlen(text)); }
+
+void report(const std::string &text) noexcept { report(text.data(), text.size()); }
 
 int report_code(const char *step, int code) {
   report(std::string(step) + ": " + describe_code(code, vemo_strerror(code)));

@@ -5,6 +5,7 @@
 #ifndef VEMO_CLI_OUTPUT_H
 #define VEMO_CLI_OUTPUT_H
 
+#include <stddef.h>
 #include <stdio.h>
 
 #include <string>
@@ -31,8 +32,10 @@ bool output_line(const std::string &text);
 // Flushes the tool's output; false when something could not be written.
 bool output_flush();
 
-// One line on standard error, prefixed with "vemo-cli: ".
-void report(const std::string &text);
+// One line on standard error, prefixed with "vemo-cli: ". Never throws, never allocates.
+void report(const char *text, size_t length) noexcept;
+void report(const char *text) noexcept;
+void report(const std::string &text) noexcept;
 
 // Reports a failed library call ("vemo-cli: request: error -1100: ...") and returns the exit
 // status for its code.
