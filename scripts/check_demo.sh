@@ -4,6 +4,10 @@
 # touches memory it must not).
 set -euo pipefail
 daemon=$1 demo=$2 mode=${3:-}
+# ctest's resource lock orders the tests of one run; this file lock (shared with the end-to-end
+# tests) also keeps runs of several build trees off /tmp/cloud_svr at the same time.
+exec 4>/tmp/cloud_svr.lock
+flock -w 600 4
 work=$(mktemp -d)
 fifo="$work/commands"
 mkfifo "$fifo"

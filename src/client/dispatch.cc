@@ -23,6 +23,7 @@ constexpr int kReceiveBackoffMaxMs = 5000;
 struct Received {
   char *text;
   cJSON *tree;
+  bool on_heap;  // false only for the stack envelope of the out-of-memory path
 };
 
 int send_response(const char *answer, int id) {
@@ -196,32 +197,18 @@ void task_dispatch(void *arg) {
   if (rc != 0) LOG_PRINT("ERROR", "fail to dispatch the message, error=%d", rc);
   cJSON_Delete(received->tree);
   free(received->text);
-  free(received);
+  if (received->on_heap) free(received);
 }
 
-// Acknowledgements are dispatched right here, in the order they arrived, so that a response
-// notification read after its acknowledgement always finds the request id in the response list.
-// Everything else (which may run application code) goes to a dispatch task of its own.
-void hand_over(cloud_client_t &c, char *text) {
+// Prepares a received text for its dispatch: the tree is parsed here, once. Null when no memory
+// is left to carry it; the caller then dispatches the bare text itself.
+Received *receive_envelope(char *text) {
   Received *received = static_cast<Received *>(malloc(sizeof(Received)));
-  if (received == nullptr) {
-    // No memory to carry it: dispatch it here, as when no task can be started.
-    int rc = dispatch_message(text);
-    if (rc != 0) LOG_PRINT("ERROR", "fail to dispatch the message, error=%d", rc);
-    free(text);
-    return;
-  }
+  if (received == nullptr) return nullptr;
   received->text = text;
   received->tree = cJSON_Parse(text);
-  if (received->tree != nullptr && is_acknowledgement(received->tree)) {
-    task_dispatch(received);
-    return;
-  }
-  int rc = task_pool_add(c.task_pool, task_dispatch, nullptr, received);
-  if (rc != 0) {
-    LOG_PRINT("WARN", "fail to create a task to dispatch the message, error=%d", rc);
-    task_dispatch(received);
-  }
+  received->on_heap = true;
+  return received;
 }
 
 }  // namespace
@@ -245,7 +232,25 @@ void task_receive(void *) {
     int rc = ipc_socket_recv_timed(c.fd, kReceiveTurnMs, &text);
     if (rc == 0) {
       pause_ms = 0;
-      hand_over(c, text);
+      Received *received = receive_envelope(text);
+      if (received == nullptr) {
+        Received bare = {text, nullptr, false};  // dispatched here: the stack will do
+        task_dispatch(&bare);
+        continue;
+      }
+      // Acknowledgements are dispatched right here, in the order they arrived, so that a
+      // response notification read after its acknowledgement always finds the request id in
+      // the response list. Everything else (which may run application code) goes to a dispatch
+      // task of its own.
+      if (received->tree != nullptr && is_acknowledgement(received->tree)) {
+        task_dispatch(received);
+        continue;
+      }
+      rc = task_pool_add(c.task_pool, task_dispatch, nullptr, received);
+      if (rc != 0) {
+        LOG_PRINT("WARN", "fail to create a task to dispatch the message, error=%d", rc);
+        task_dispatch(received);
+      }
       continue;
     }
     free(text);

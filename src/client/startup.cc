@@ -49,40 +49,6 @@ int connect_server() {
   return fd;
 }
 
-// Everything after the connection; on failure the caller tears down what was made.
-int start_session(cloud_client_t &c) {
-  c.msg_id_pool = msg_id_pool_init(kMessageIdPoolSize);
-  if (c.msg_id_pool == nullptr) {
-    LOG_PRINT("ERROR", "fail to initialize the message id pool");
-    return VEMO_ERR_NO_RESOURCE;
-  }
-  c.response_list = response_list_init();
-  if (c.response_list == nullptr) {
-    LOG_PRINT("ERROR", "fail to initialize the response list");
-    return VEMO_ERR_NO_RESOURCE;
-  }
-  c.task_pool = task_pool_init();
-  if (c.task_pool == nullptr) {
-    LOG_PRINT("ERROR", "fail to initialize the task pool");
-    return VEMO_ERR_NO_RESOURCE;
-  }
-  // The flag goes up before the tasks start, so neither can see 0 on its first test and end at
-  // once; a failure below clears it again in client_destroy.
-  c.generation.fetch_add(1, std::memory_order_acq_rel);
-  c.running.store(1, std::memory_order_release);
-  int rc = task_pool_add(c.task_pool, task_timeout_check, nullptr, nullptr);
-  if (rc != 0) {
-    LOG_PRINT("ERROR", "fail to start the task to receive the message, error=%d", rc);
-    return rc;
-  }
-  rc = task_pool_add(c.task_pool, task_receive, nullptr, nullptr);
-  if (rc != 0) {
-    LOG_PRINT("ERROR", "fail to start the task to receive the message, error=%d", rc);
-    return rc;
-  }
-  return 0;
-}
-
 }  // namespace
 
 int client_init() {
@@ -105,21 +71,53 @@ int client_init() {
     c.state = ClientState::kStarting;
   }
   LOG_PRINT("DEBUG", "begin to initialize the client...");
+  // Every step logs under this function's name, so the steps stand here in one sequence; a
+  // failure after the connection tears down whatever was made.
   int rc = 0;
-  if (access(VEMO_SOCKET_PATH, F_OK) != 0) {
-    LOG_PRINT("WARN", "the socket server is not started");
-    rc = VEMO_ERR_NO_SERVER;
-  } else {
+  do {
+    if (access(VEMO_SOCKET_PATH, F_OK) != 0) {
+      LOG_PRINT("WARN", "the socket server is not started");
+      rc = VEMO_ERR_NO_SERVER;
+      break;
+    }
     int fd = connect_server();
     if (fd < 0) {
       LOG_PRINT("ERROR", "fail to connect to the server, code=%d", fd);
       rc = fd;
-    } else {
-      c.fd = fd;
-      rc = start_session(c);
-      if (rc != 0) client_destroy();
+      break;
     }
-  }
+    c.fd = fd;
+    c.msg_id_pool = msg_id_pool_init(kMessageIdPoolSize);
+    if (c.msg_id_pool == nullptr) {
+      LOG_PRINT("ERROR", "fail to initialize the message id pool");
+      rc = VEMO_ERR_NO_RESOURCE;
+      break;
+    }
+    c.response_list = response_list_init();
+    if (c.response_list == nullptr) {
+      LOG_PRINT("ERROR", "fail to initialize the response list");
+      rc = VEMO_ERR_NO_RESOURCE;
+      break;
+    }
+    c.task_pool = task_pool_init();
+    if (c.task_pool == nullptr) {
+      LOG_PRINT("ERROR", "fail to initialize the task pool");
+      rc = VEMO_ERR_NO_RESOURCE;
+      break;
+    }
+    // The flag goes up before the tasks start, so neither can see 0 on its first test and end
+    // at once; a failure below clears it again in client_destroy.
+    c.generation.fetch_add(1, std::memory_order_acq_rel);
+    c.running.store(1, std::memory_order_release);
+    rc = task_pool_add(c.task_pool, task_timeout_check, nullptr, nullptr);
+    if (rc != 0) {
+      LOG_PRINT("ERROR", "fail to start the task to receive the message, error=%d", rc);
+      break;
+    }
+    rc = task_pool_add(c.task_pool, task_receive, nullptr, nullptr);
+    if (rc != 0) LOG_PRINT("ERROR", "fail to start the task to receive the message, error=%d", rc);
+  } while (false);
+  if (rc != 0 && c.fd != 0) client_destroy();
   if (rc == 0) {
     // Registered once per process rather than once per start-up: a device whose daemon orders
     // many reconnections must not grow the exit table without bound.

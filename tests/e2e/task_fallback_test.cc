@@ -58,9 +58,8 @@ TEST_F(TaskFallback, MessageIsDispatchedOnTheReceivingTaskWhenNoThreadStarts) {
   EXPECT_EQ(1, CountLogged("", "WARN", kNoThread));
 }
 
-// DISABLED: the client writes this line from its helper hand_over (src/client/dispatch.cc), so
-// it names hand_over instead of task_receive, the function the log contract gives for it.
-TEST_F(TaskFallback, DISABLED_NoThreadLineIsLoggedUnderTaskReceive) {
+// The fallback's line names the receiving task, whose step it is.
+TEST_F(TaskFallback, NoThreadLineIsLoggedUnderTaskReceive) {
   ASSERT_EQ(0, vemo_register_callback(answer_ok, nullptr));
   g_fail_next = 1;
   daemon_.send_cloud_request("no thread for me");
@@ -115,11 +114,8 @@ TEST_F(TaskFallback, StartupFailsWhenTheReceivingTaskCannotStart) {
   EXPECT_EQ(2, daemon_.connections_seen());
 }
 
-// DISABLED: the client writes the start-up's failure lines ("fail to start the task to receive
-// the message, error=%d", and those of the pools) from its helper start_session
-// (src/client/startup.cc), so they name start_session instead of client_init, the function the
-// log contract gives for every step of the start-up.
-TEST_F(TaskFallback, DISABLED_TaskStartFailureIsLoggedUnderClientInit) {
+// Every step of the start-up logs under client_init.
+TEST_F(TaskFallback, TaskStartFailureIsLoggedUnderClientInit) {
   g_fail_next = 1;
   EXPECT_EQ(VEMO_ERR_NO_RESOURCE, vemo_reconnect_cloud());
   EXPECT_EQ(Strings{kNoTask}, Messages("client_init", "ERROR"));
