@@ -279,7 +279,6 @@ std::optional<int> ChildProcess::wait_exit(int timeout_ms) {
 }
 
 std::string ChildProcess::output() { return out_text_; }
-
 std::vector<std::string> ChildProcess::output_lines() {
   std::vector<std::string> lines;
   std::istringstream in(out_text_);
