@@ -191,6 +191,7 @@ void DaemonTest::SetUp() {
   daemon_.set_log_sink([this](const std::string &line) {
     std::lock_guard<std::mutex> hold(lines_mu_);
     daemon_lines_.push_back(line);
+    lines_cv_.notify_all();
   });
   daemon_.set_response_delay_ms(0);
   // Other suites, in processes of their own, serve the path case after case: a start that loses
@@ -202,6 +203,23 @@ void DaemonTest::SetUp() {
     rc = daemon_.start();
   } while (rc != 0 && lost_the_race(daemon_) && Clock::now() < deadline);
   ASSERT_EQ(0, rc) << daemon_.last_error();
+}
+
+bool DaemonTest::WaitDisconnected(int conn, int timeout_ms) {
+  const std::string prefix = "disconnected " + std::to_string(conn) + " ";
+  std::unique_lock<std::mutex> hold(lines_mu_);
+  return lines_cv_.wait_for(hold, std::chrono::milliseconds(timeout_ms), [&] {
+    for (const std::string &line : daemon_lines_)
+      if (line.compare(0, prefix.size(), prefix) == 0) return true;
+    return false;
+  });
+}
+
+std::vector<vemo::cloudd::Received> DaemonTest::ReceivedOn(int conn) {
+  std::vector<vemo::cloudd::Received> out;
+  for (const vemo::cloudd::Received &r : daemon_.received())
+    if (r.conn == conn) out.push_back(r);
+  return out;
 }
 
 void DaemonTest::TearDown() {

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <sys/types.h>
 
+#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <optional>
@@ -75,10 +76,17 @@ class DaemonTest : public ::testing::Test {
   void SetUp() override;
   void TearDown() override;
 
+  // True once the daemon has seen connection conn closed, after reading all that came on it.
+  bool WaitDisconnected(int conn, int timeout_ms = kWaitMs);
+  // What connection conn sent, in order. Other processes may talk to the daemon at the same
+  // time (it serves the shared path): tests look at their own connection only.
+  std::vector<vemo::cloudd::Received> ReceivedOn(int conn);
+
   vemo::cloudd::CloudDaemon daemon_;
 
  private:
   std::mutex lines_mu_;
+  std::condition_variable lines_cv_;
   std::vector<std::string> daemon_lines_;  // guarded by lines_mu_; printed when the test fails
 };
 

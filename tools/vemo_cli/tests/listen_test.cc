@@ -12,7 +12,6 @@ namespace vemo_cli_test {
 namespace {
 
 using vemo::cloudd::CloudDaemon;
-using vemo::cloudd::kAllConnections;
 using vemo::cloudd::Received;
 
 bool contains(const std::string &text, const std::string &part) {
@@ -28,11 +27,12 @@ class DaemonListen : public DaemonTest {
     auto reg = daemon_.wait_for_method("register_callback", kWaitMs);
     ASSERT_TRUE(reg.has_value()) << "no registration; stderr: " << cli_.err();
     hello_cloud_ = reg->hello_cloud;
+    conn_ = reg->conn;
   }
 
   int SendCloudRequest(const std::string &text) {
     int id = 0;
-    EXPECT_EQ(1, daemon_.send_cloud_request(text, kAllConnections, &id));
+    EXPECT_EQ(1, daemon_.send_cloud_request(text, conn_, &id));
     return id;
   }
 
@@ -40,21 +40,26 @@ class DaemonListen : public DaemonTest {
   int Finish() {
     std::optional<int> status = cli_.wait_exit();
     EXPECT_TRUE(status.has_value()) << "vemo-cli did not end";
-    EXPECT_TRUE(daemon_.wait_for_open_connections(0, kWaitMs));
+    EXPECT_TRUE(WaitDisconnected(conn_));
     return status.value_or(-2);
   }
 
   std::vector<Received> Replies() {
     std::vector<Received> out;
-    for (const Received &r : daemon_.received())
+    for (const Received &r : ReceivedOn(conn_))
       if (r.is_reply()) out.push_back(r);
     return out;
   }
 
-  bool Unregistered() { return daemon_.wait_for_method("unregister_callback", 0).has_value(); }
+  bool Unregistered() {
+    for (const Received &r : ReceivedOn(conn_))
+      if (r.method == "unregister_callback") return true;
+    return false;
+  }
 
   CliProcess cli_;
   int hello_cloud_ = -1;
+  int conn_ = 0;  // the tool's connection
 };
 
 TEST_F(DaemonListen, AnswersWithTheFixedText) {
@@ -133,11 +138,11 @@ TEST_F(DaemonListen, EveryRequestTakesOneLine) {
 TEST_F(DaemonListen, HelloHandlers) {
   StartListening({"listen", "--hello", "hi from the field", "--answer", "x", "--count", "1"});
   EXPECT_EQ(1, hello_cloud_);
-  EXPECT_EQ(1, daemon_.send_hello_request());
+  EXPECT_EQ(1, daemon_.send_hello_request(conn_));
   auto hello = daemon_.wait_for_hello_reply(kWaitMs);
   ASSERT_TRUE(hello.has_value());
   EXPECT_EQ("hi from the field", hello->response);
-  EXPECT_EQ(1, daemon_.send_hello_response("welcome\nback"));
+  EXPECT_EQ(1, daemon_.send_hello_response("welcome\nback", conn_));
   ASSERT_TRUE(cli_.wait_for_line([](const std::string &l) { return l == "hello response: welcome\\nback"; }));
   SendCloudRequest("last");
   EXPECT_EQ(0, Finish());
@@ -164,7 +169,9 @@ TEST_F(DaemonListen, SecondSignalEndsAtOnce) {
   daemon_.set_handler([](CloudDaemon &, const Received &r) { return r.method == "unregister_callback"; });
   StartListening({"listen", "--answer", "x"});
   ASSERT_TRUE(cli_.send_signal(SIGTERM));
-  ASSERT_TRUE(daemon_.wait_for_method("unregister_callback", kWaitMs).has_value());
+  ASSERT_TRUE(daemon_.wait_for_message(
+      [this](const Received &r) { return r.conn == conn_ && r.method == "unregister_callback"; },
+      kWaitMs));
   ASSERT_TRUE(cli_.send_signal(SIGINT));  // the other one: both were one-shot
   EXPECT_EQ(-1, cli_.wait_exit(3000).value_or(-2));
 }
