@@ -16,6 +16,7 @@ constexpr int kDefaultResponseTimeoutMs = 5000;
 struct PendingResponse {
   int timeout_ms;
   vemo_response_cb callback;
+  uint32_t generation;  // the start-up whose response list took the request id
 };
 
 // Runs on the receiving task as the acknowledgement arrives, before the sender wakes: the
@@ -23,10 +24,15 @@ struct PendingResponse {
 // notification right behind its acknowledgement is never dropped.
 int enter_request_id(void *ctx, int value) {
   if (value < 0) return 0;  // refused: nothing to wait for
-  const PendingResponse *pending = static_cast<const PendingResponse *>(ctx);
+  PendingResponse *pending = static_cast<PendingResponse *>(ctx);
+  pending->generation = client().generation.load(std::memory_order_acquire);
   int timeout = pending->timeout_ms >= 0 ? pending->timeout_ms : kDefaultResponseTimeoutMs;
   return response_data_add(client().response_list, value, timeout, pending->callback);
 }
+
+// The start-up whose response list took this thread's last request id: the synchronous wait
+// must look for its response in that list and no other.
+thread_local uint32_t t_request_generation = 0;
 
 }  // namespace
 }  // namespace vemo
@@ -44,7 +50,7 @@ extern "C" VEMO_API int vemo_send_request_async(const char *request, int timeout
     LOG_PRINT("ERROR", "fail to create a new json object");
     return VEMO_ERR_NO_RESOURCE;
   }
-  PendingResponse pending = {timeout_ms, callback};
+  PendingResponse pending = {timeout_ms, callback, 0};
   MsgDeliverHook hook = {enter_request_id, &pending};
   int add_status = 0;
   int rc = send_with_recv(message.get(), timeout_ms, &hook, &add_status);
@@ -56,6 +62,7 @@ extern "C" VEMO_API int vemo_send_request_async(const char *request, int timeout
     LOG_PRINT("ERROR", "fail to add the message id, error=%d", add_status);
     return add_status;
   }
+  t_request_generation = pending.generation;
   return rc;
 }
 
@@ -67,9 +74,13 @@ extern "C" VEMO_API int vemo_send_request_sync(const char *request, int timeout_
   }
   int id = vemo_send_request_async(request, timeout_ms, flag, nullptr);
   if (id < 0) return id;
+  const uint32_t generation = t_request_generation;
   uint32_t start = get_tick_count();
   ClientUse use;  // keeps the list alive while this thread waits on it
   if (use.code() != 0) return use.code();
+  // Torn down (and perhaps started again) since the acknowledgement: the response went with
+  // the old list.
+  if (client().generation.load(std::memory_order_acquire) != generation) return VEMO_ERR_DISCONNECTED;
   return response_data_wait_response(client().response_list, id, start, timeout_ms, response);
 }
 
