@@ -9,7 +9,6 @@
 
 #include <functional>
 
-#include "client/context.h"
 #include "support/e2e_fixture.h"
 
 namespace vemo_e2e {
@@ -34,7 +33,7 @@ void one_session() {
 void two_sessions() {
   int rc = vemo_send_request_async("order teardown", 3000, 0, nullptr);
   printf("exit child: first %s\n", rc >= 0 || rc == VEMO_ERR_DISCONNECTED ? "ok" : "unexpected");
-  bool torn_down = wait_until([] { return vemo::client().running.load() == 0; });
+  bool torn_down = wait_client_idle();
   printf("exit child: torn down %d\n", torn_down ? 1 : 0);
   char *text = nullptr;
   rc = vemo_send_request_sync("second session", 3000, 0, &text);

@@ -97,9 +97,7 @@ TEST_F(Teardown, TeardownOrderedRightAfterTheGreetingIsCarriedOut) {
     ASSERT_EQ(1, daemon_.send_bytes(frame(kNotify0) + frame(kNotify1), round));
     const int rc = FinishOrDie(call, kWaitMs, "a call connecting to a daemon that orders a teardown");
     EXPECT_TRUE(rc == 0 || rc == VEMO_ERR_DISCONNECTED) << rc;
-    // The teardown closes the socket (cheaper to wait for than a log line, round after round).
-    ASSERT_TRUE(daemon_.wait_for_open_connections(0, 2000))
-        << "round " << round << ": the ordered teardown was not carried out";
+    ASSERT_TRUE(wait_client_idle(2000)) << "round " << round << ": the ordered teardown was not carried out";
   }
   EXPECT_TRUE(WaitLogged("client_destroy", "DEBUG", "end to destroy the client...", kRounds));
 }

@@ -73,34 +73,7 @@ void die_hung(const char *what, int bound_ms) {
   _exit(3);
 }
 
-// ---- Signal, Gate, waits ----------------------------------------------------------------------
-
-void Signal::notify() {
-  std::lock_guard<std::mutex> hold(mu_);
-  ++count_;
-  cv_.notify_all();
-}
-
-bool Signal::wait_for(int count, int timeout_ms) {
-  std::unique_lock<std::mutex> hold(mu_);
-  return cv_.wait_for(hold, std::chrono::milliseconds(timeout_ms), [&] { return count_ >= count; });
-}
-
-int Signal::count() {
-  std::lock_guard<std::mutex> hold(mu_);
-  return count_;
-}
-
-void Gate::open() {
-  std::lock_guard<std::mutex> hold(mu_);
-  open_ = true;
-  cv_.notify_all();
-}
-
-bool Gate::pass(int timeout_ms) {
-  std::unique_lock<std::mutex> hold(mu_);
-  return cv_.wait_for(hold, std::chrono::milliseconds(timeout_ms), [&] { return open_; });
-}
+// ---- Waits ------------------------------------------------------------------------------------
 
 bool wait_until(const std::function<bool()> &pred, int timeout_ms) {
   const auto deadline = Clock::now() + std::chrono::milliseconds(timeout_ms);
@@ -126,6 +99,16 @@ bool wait_thread_in_futex(pid_t tid, int timeout_ms) {
         long number = -1;
         sys >> number;
         return number == SYS_futex;
+      },
+      timeout_ms);
+}
+
+bool wait_client_idle(int timeout_ms) {
+  return wait_until(
+      [] {
+        vemo::cloud_client_t &c = vemo::client();
+        vemo::MutexLock hold(c.lock);
+        return c.state == vemo::ClientState::kIdle;
       },
       timeout_ms);
 }

@@ -42,9 +42,19 @@ constexpr char kPathLockFile[] = "/tmp/cloud_svr.lock";
 // A counter that threads bump and a test waits on.
 class Signal {
  public:
-  void notify();
-  bool wait_for(int count, int timeout_ms = kWaitMs);
-  int count();
+  void notify() {
+    std::lock_guard<std::mutex> hold(mu_);
+    ++count_;
+    cv_.notify_all();
+  }
+  bool wait_for(int count, int timeout_ms = kWaitMs) {
+    std::unique_lock<std::mutex> hold(mu_);
+    return cv_.wait_for(hold, std::chrono::milliseconds(timeout_ms), [&] { return count_ >= count; });
+  }
+  int count() {
+    std::lock_guard<std::mutex> hold(mu_);
+    return count_;
+  }
 
  private:
   std::mutex mu_;
@@ -55,8 +65,15 @@ class Signal {
 // Holds the threads that pass() it until open() is called (or timeout_ms pass: false).
 class Gate {
  public:
-  void open();
-  bool pass(int timeout_ms = kWaitMs);
+  void open() {
+    std::lock_guard<std::mutex> hold(mu_);
+    open_ = true;
+    cv_.notify_all();
+  }
+  bool pass(int timeout_ms = kWaitMs) {
+    std::unique_lock<std::mutex> hold(mu_);
+    return cv_.wait_for(hold, std::chrono::milliseconds(timeout_ms), [&] { return open_; });
+  }
 
  private:
   std::mutex mu_;
@@ -74,6 +91,10 @@ pid_t current_tid();
 // True once thread tid (of this process) sleeps in a futex wait, that is on a mutex or a
 // condition variable; false when it does not within timeout_ms.
 bool wait_thread_in_futex(pid_t tid, int timeout_ms = kWaitMs);
+
+// True once the client context is idle: no start-up or teardown runs, and none is left to
+// finish (read under the context's lock).
+bool wait_client_idle(int timeout_ms = kWaitMs);
 
 // Polls vemo_get_response while the response has not arrived. The last result; on 0 the text
 // is stored at *text (the caller frees it).
