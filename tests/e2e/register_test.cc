@@ -2,6 +2,8 @@
 // handler answers a cloud request or a hello, refusals, replacement, and reconnect.
 #include <string.h>
 
+#include <chrono>
+
 #include "support/e2e_fixture.h"
 
 namespace vemo_e2e {
@@ -178,6 +180,20 @@ TEST_F(Register, DaemonRefusingTheRegistrationLeavesNoHandler) {
   EXPECT_EQ(0, g_pong.signal.count());
   EXPECT_EQ(0, g_hello_request.signal.count());
   EXPECT_TRUE(Replies().empty());
+}
+
+// The second and last test that waits the full 5000 ms: a control message never acknowledged.
+TEST_F(Register, UnacknowledgedRegistrationTimesOutAndLeavesNoHandler) {
+  ASSERT_NO_FATAL_FAILURE(Connect());
+  daemon_.set_drop_ack(true);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(VEMO_ERR_TIMEOUT, vemo_register_callback(answer_pong, &kHello));
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(5000));
+  EXPECT_EQ(Strings{"fail to register the client to the server, error=-20002"},
+            Messages("vemo_register_callback", "ERROR"));
+  daemon_.send_cloud_request("ping");
+  ASSERT_TRUE(WaitLogged("task_dispatch", "ERROR", "fail to dispatch the message, error=-20103"));
+  EXPECT_EQ(0, g_pong.signal.count());
 }
 
 TEST_F(Register, RefusedUnregisterKeepsTheHandlers) {
