@@ -105,15 +105,16 @@ void client_destroy() {
     ::close(c.fd);
   }
   {
+    // Reset under the lock: threads waiting for this teardown look at task_pool as they wake.
     MutexLock hold(c.lock);
     free(c.hello_cb);
     c.hello_cb = nullptr;
     c.request_cb = nullptr;
+    c.fd = 0;
+    c.msg_id_pool = nullptr;
+    c.task_pool = nullptr;
+    c.response_list = nullptr;
   }
-  c.fd = 0;
-  c.msg_id_pool = nullptr;
-  c.task_pool = nullptr;
-  c.response_list = nullptr;
   c.running.store(0, std::memory_order_release);
   LOG_PRINT("DEBUG", "end to destroy the client...");
 }
