@@ -80,6 +80,10 @@ for program in pkgconfig/consumer_static cmake/consumer_static; do
 done
 
 # ---- against the installed daemon ----
+# ctest's resource lock orders the tests of one run; the file lock shared with the end-to-end
+# tests and the demo check keeps runs of other build trees off /tmp/cloud_svr meanwhile.
+exec 4>/tmp/cloud_svr.lock
+flock -w 600 4
 fifo="$work/commands"
 mkfifo "$fifo"
 # Held open read-write so the daemon never sees the end of its command input.
