@@ -1,12 +1,13 @@
 #!/usr/bin/env bash
 # Sets up the machine, then builds and runs every test: the plain build, the ASan+UBSan build and
-# the TSan build. Usage: scripts/test.sh [plain|asan|tsan ...] (default: all three).
+# the TSan build, then the armhf cross build under qemu-arm.
+# Usage: scripts/test.sh [plain|asan|tsan|arm ...] (default: all four).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/setup.sh"
 
 variants=("$@")
-[ ${#variants[@]} -gt 0 ] || variants=(plain asan tsan)
+[ ${#variants[@]} -gt 0 ] || variants=(plain asan tsan arm)
 jobs=$(nproc)
 
 for v in "${variants[@]}"; do
@@ -15,6 +16,8 @@ for v in "${variants[@]}"; do
     # Cases that crash or abort on purpose (allocator traps) are kept out of sanitizer builds.
     asan)  opts=(-DCMAKE_BUILD_TYPE=Debug -DVEMO_SANITIZE=address); exclude="faulting";;
     tsan)  opts=(-DCMAKE_BUILD_TYPE=Debug -DVEMO_SANITIZE=thread); exclude="faulting";;
+    # The armhf cross build, whole suite under qemu-arm.
+    arm)   "$root/scripts/test_arm.sh"; continue;;
     *) echo "unknown variant $v" >&2; exit 2;;
   esac
   dir="$root/build/$v"

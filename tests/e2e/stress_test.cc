@@ -62,7 +62,7 @@ constexpr int kMinLateCloudReplies = 20;
 // Bounds on waiting: for one event (a response, a reply, the reconnection), and for all the
 // request threads to end. The whole run takes about 2 s plain, 5 s under ASan and 12 s under
 // TSan on two cores; CTest stops a test at 120 s.
-#ifdef VEMO_SANITIZER_BUILD
+#if defined(VEMO_SANITIZER_BUILD) || defined(VEMO_EMULATED_TARGET)
 constexpr int kWaitBoundMs = 30000;
 constexpr int kWatchdogMs = 80000;
 #else

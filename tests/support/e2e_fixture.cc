@@ -98,7 +98,16 @@ bool wait_thread_in_futex(pid_t tid, int timeout_ms) {
         std::ifstream sys(dir + "syscall");
         long number = -1;
         sys >> number;
-        return number == SYS_futex;
+        if (number == SYS_futex) return true;
+#ifdef SYS_futex_time64
+        if (number == SYS_futex_time64) return true;
+#endif
+        // Under user-mode emulation the system-call number is the host's; the kernel's wait
+        // channel still names the futex wait.
+        std::ifstream wchan(dir + "wchan");
+        std::string channel;
+        wchan >> channel;
+        return channel.compare(0, 5, "futex") == 0;
       },
       timeout_ms);
 }
