@@ -13,46 +13,17 @@
 #include "client/msg_id_pool_internal.h"
 #include "client/msg_id_pool_probe.h"
 #include "support/log_capture.h"
+#include "support/waits.h"
 #include "util/clock.h"
 #include "vemo/msg_id_pool.h"
 #include "vemo/util.h"
 
 namespace {
 
+using vemo_test::Gate;
+using vemo_test::eventually;
+
 using Messages = std::vector<std::string>;
-
-class Gate {
- public:
-  void open() {
-    std::lock_guard<std::mutex> lock(mu_);
-    open_ = true;
-    cv_.notify_all();
-  }
-  void wait() {
-    std::unique_lock<std::mutex> lock(mu_);
-    cv_.wait(lock, [this] { return open_; });
-  }
-  bool is_open() {
-    std::lock_guard<std::mutex> lock(mu_);
-    return open_;
-  }
-
- private:
-  std::mutex mu_;
-  std::condition_variable cv_;
-  bool open_ = false;
-};
-
-// For states that nothing signals (a thread asleep inside the pool): looks again every
-// millisecond, for at most ten seconds.
-template <typename Pred>
-bool eventually(Pred pred) {
-  for (int i = 0; i < 10000; ++i) {
-    if (pred()) return true;
-    usleep(1000);
-  }
-  return pred();
-}
 
 const msg_data_t kFresh = {VEMO_ERR_NOT_ARRIVED};
 

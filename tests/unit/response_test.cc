@@ -10,24 +10,17 @@
 #include "client/response_internal.h"
 #include "client/response_probe.h"
 #include "support/log_capture.h"
+#include "support/waits.h"
 #include "util/clock.h"
 #include "vemo/response.h"
 #include "vemo/util.h"
 
 namespace {
 
-using Messages = std::vector<std::string>;
+using vemo_test::Gate;
+using vemo_test::eventually;
 
-// For states that nothing signals (a thread asleep inside the list): looks again every
-// millisecond, for at most ten seconds.
-template <typename Pred>
-bool eventually(Pred pred) {
-  for (int i = 0; i < 10000; ++i) {
-    if (pred()) return true;
-    usleep(1000);
-  }
-  return pred();
-}
+using Messages = std::vector<std::string>;
 
 // The list's clock, driven by the test.
 std::atomic<uint32_t> g_now{1000};

@@ -10,30 +10,15 @@
 #include <thread>
 
 #include "support/log_capture.h"
+#include "support/waits.h"
 #include "util/task_pool_internal.h"
 #include "util/task_pool_seam.h"
 #include "vemo/task_pool.h"
 
 namespace {
 
-// A one-way gate: tasks wait on it until the test opens it.
-class Gate {
- public:
-  void open() {
-    std::lock_guard<std::mutex> lock(mu_);
-    open_ = true;
-    cv_.notify_all();
-  }
-  void wait() {
-    std::unique_lock<std::mutex> lock(mu_);
-    cv_.wait(lock, [this] { return open_; });
-  }
-
- private:
-  std::mutex mu_;
-  std::condition_variable cv_;
-  bool open_ = false;
-};
+using vemo_test::Gate;
+using vemo_test::eventually;
 
 // Counts events and lets the test wait, bounded, until a number of them has happened.
 class Counter {
@@ -57,17 +42,6 @@ class Counter {
   std::condition_variable cv_;
   int n_ = 0;
 };
-
-// For states that nothing signals (a thread asleep inside the pool): looks again every
-// millisecond, for at most ten seconds.
-template <typename Pred>
-bool eventually(Pred pred) {
-  for (int i = 0; i < 10000; ++i) {
-    if (pred()) return true;
-    usleep(1000);
-  }
-  return pred();
-}
 
 // Task threads are started through this wrapper so that a test learns when a thread has left
 // the pool's code entirely (after its count-down): only then may the test end and ASan/TSan
