@@ -60,21 +60,14 @@ JsonPtr build_register(bool hello) {
 JsonPtr build_method_only(const char *method_name) { return with_method(method_name); }
 
 JsonPtr build_reply(const char *answer, int id) {
+  // Each member goes into the tree as soon as it is made, so the reply's owner frees whatever
+  // was built when a later step fails.
   JsonPtr reply(cJSON_CreateObject());
+  if (!reply || !add(reply.get(), key::kErrorCode, cJSON_CreateNumber(0))) return nullptr;
   cJSON *result = cJSON_CreateObject();
-  if (!reply || result == nullptr) {
-    cJSON_Delete(result);
+  if (!add(reply.get(), key::kResult, result) ||
+      !add(result, "response", cJSON_CreateString(answer)))
     return nullptr;
-  }
-  if (!add(result, "response", cJSON_CreateString(answer))) {
-    cJSON_Delete(result);
-    return nullptr;
-  }
-  if (!add(reply.get(), key::kErrorCode, cJSON_CreateNumber(0))) {
-    cJSON_Delete(result);
-    return nullptr;
-  }
-  if (!add(reply.get(), key::kResult, result)) return nullptr;
   // The reply to a hello request carries no id.
   if (id > 0 && !add(reply.get(), key::kId, cJSON_CreateNumber(id))) return nullptr;
   return reply;
