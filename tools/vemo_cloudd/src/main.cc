@@ -4,6 +4,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
@@ -146,7 +147,17 @@ int main(int argc, char **argv) {
     }
     sources.push_back({"control FIFO", fd, std::string()});
   }
-  if (daemon.start() != 0) {
+  // The stop signals are for this thread, which waits on their pipe: the loop thread is started
+  // with them blocked, so the kernel (or a sanitizer's deferred delivery) never hands one to a
+  // thread that does not watch for it.
+  sigset_t stop_signals, previous;
+  sigemptyset(&stop_signals);
+  sigaddset(&stop_signals, SIGINT);
+  sigaddset(&stop_signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stop_signals, &previous);
+  const int started = daemon.start();
+  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
+  if (started != 0) {
     fprintf(stderr, "vemo_cloudd: %s\n", daemon.last_error().c_str());
     if (made_control) unlink(opts.control.c_str());
     return kExitServe;
