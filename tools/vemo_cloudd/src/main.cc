@@ -8,6 +8,7 @@
 #include <signal.h>
 #include <stdio.h>
 #include <string.h>
+#include <sys/signalfd.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -28,23 +29,19 @@ using vemo::cloudd::ConsoleCommand;
 constexpr int kExitUsage = 2;
 constexpr int kExitServe = 1;
 
-int g_signal_pipe[2] = {-1, -1};
-
-extern "C" void on_stop_signal(int signo) {
-  const int saved = errno;
-  const unsigned char byte = static_cast<unsigned char>(signo);
-  ssize_t n = write(g_signal_pipe[1], &byte, 1);
-  (void)n;  // the pipe holds bytes enough; a full pipe already means "stop"
-  errno = saved;
-}
+// The stop signals arrive as readable data on a signalfd: they are blocked in every thread (the
+// mask is set before any thread starts), so no handler runs anywhere and the main loop sees them
+// in the same poll() as its command input.
+int g_signal_fd = -1;
 
 int install_signals() {
-  if (pipe2(g_signal_pipe, O_NONBLOCK | O_CLOEXEC) != 0) return -1;
-  struct sigaction sa;
-  memset(&sa, 0, sizeof(sa));
-  sa.sa_handler = on_stop_signal;
-  sigemptyset(&sa.sa_mask);
-  if (sigaction(SIGINT, &sa, nullptr) != 0 || sigaction(SIGTERM, &sa, nullptr) != 0) return -1;
+  sigset_t stop_signals;
+  sigemptyset(&stop_signals);
+  sigaddset(&stop_signals, SIGINT);
+  sigaddset(&stop_signals, SIGTERM);
+  if (pthread_sigmask(SIG_BLOCK, &stop_signals, nullptr) != 0) return -1;
+  g_signal_fd = signalfd(-1, &stop_signals, SFD_NONBLOCK | SFD_CLOEXEC);
+  if (g_signal_fd < 0) return -1;
   // A client that vanishes must cost a failed send, not the daemon.
   signal(SIGPIPE, SIG_IGN);
   return 0;
@@ -147,16 +144,7 @@ int main(int argc, char **argv) {
     }
     sources.push_back({"control FIFO", fd, std::string()});
   }
-  // The stop signals are for this thread, which waits on their pipe: the loop thread is started
-  // with them blocked, so the kernel (or a sanitizer's deferred delivery) never hands one to a
-  // thread that does not watch for it.
-  sigset_t stop_signals, previous;
-  sigemptyset(&stop_signals);
-  sigaddset(&stop_signals, SIGINT);
-  sigaddset(&stop_signals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stop_signals, &previous);
   const int started = daemon.start();
-  pthread_sigmask(SIG_SETMASK, &previous, nullptr);
   if (started != 0) {
     fprintf(stderr, "vemo_cloudd: %s\n", daemon.last_error().c_str());
     if (made_control) unlink(opts.control.c_str());
@@ -166,7 +154,7 @@ int main(int argc, char **argv) {
   bool quit = false;
   while (!quit) {
     std::vector<struct pollfd> fds;
-    fds.push_back({g_signal_pipe[0], POLLIN, 0});
+    fds.push_back({g_signal_fd, POLLIN, 0});
     for (const LineSource &src : sources) fds.push_back({src.fd, POLLIN, 0});
     if (poll(fds.data(), fds.size(), -1) < 0) {
       if (errno == EINTR) continue;
@@ -174,10 +162,9 @@ int main(int argc, char **argv) {
       break;
     }
     if (fds[0].revents != 0) {
-      unsigned char signo = 0;
-      if (read(g_signal_pipe[0], &signo, 1) == 1) {
-        if (!opts.quiet) printf("stopping on %s\n", signo == SIGINT ? "SIGINT" : "SIGTERM");
-      }
+      struct signalfd_siginfo info;
+      if (read(g_signal_fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info) && !opts.quiet)
+        printf("stopping on %s\n", info.ssi_signo == SIGINT ? "SIGINT" : "SIGTERM");
       break;
     }
     for (std::size_t i = 0; i < sources.size() && !quit; ++i) {
