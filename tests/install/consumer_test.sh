@@ -43,8 +43,11 @@ soname=$(readelf -d "$libdir/libvemo.so" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p
 [ "$(readlink "$libdir/libvemo.so")" = libvemo.so.1 ] || fail "libvemo.so does not link to libvemo.so.1"
 [[ "$(readlink "$libdir/libvemo.so.1")" == libvemo.so.1.* ]] || fail "libvemo.so.1 does not link to the versioned file"
 # Only the public interface is exported: nothing from the C++ inside leaks out.
-if nm -D --defined-only "$libdir/libvemo.so" | awk '{print $3}' | grep -q '^_Z'; then
-  fail "libvemo.so exports C++ symbols: $(nm -D --defined-only "$libdir/libvemo.so" | awk '{print $3}' | grep '^_Z' | head -3 | tr '\n' ' ')"
+# Outputs are captured before they are searched: under pipefail, `ldd ... | grep -q` fails
+# whenever grep's early exit kills the writer with SIGPIPE.
+exported=$(nm -D --defined-only "$libdir/libvemo.so" | awk '{print $3}')
+if grep -q '^_Z' <<<"$exported"; then
+  fail "libvemo.so exports C++ symbols: $(grep '^_Z' <<<"$exported" | head -3 | tr '\n' ' ')"
 fi
 
 # ---- pkg-config route ----
@@ -57,7 +60,8 @@ mkdir -p "$work/pkgconfig"
 # shellcheck disable=SC2086 # the flags are words
 "$cc" -std=c99 -Wall -Wextra -Werror $cflags "$here/consumer/consumer.c" -o "$work/pkgconfig/consumer" \
   $libs -Wl,-rpath,"$libdir"
-ldd "$work/pkgconfig/consumer" | grep -q "libvemo.so.1 => $libdir/libvemo.so.1" ||
+loaded=$(ldd "$work/pkgconfig/consumer")
+grep -q "libvemo.so.1 => $libdir/libvemo.so.1" <<<"$loaded" ||
   fail "the pkg-config build does not load the installed libvemo.so.1"
 # Static: the archive in place of -lvemo, and what --static adds for it (the C++ runtime).
 static_libs=$(pkg-config --static --libs vemo)
@@ -73,10 +77,12 @@ cmake -S "$here/consumer" -B "$work/cmake" -DCMAKE_PREFIX_PATH="$prefix" \
   { cat "$work/cmake-configure.log"; fail "the consumer project does not configure"; }
 cmake --build "$work/cmake" >"$work/cmake-build.log" 2>&1 ||
   { cat "$work/cmake-build.log"; fail "the consumer project does not build"; }
-ldd "$work/cmake/consumer" | grep -q "libvemo.so.1 => $libdir/libvemo.so.1" ||
+loaded=$(ldd "$work/cmake/consumer")
+grep -q "libvemo.so.1 => $libdir/libvemo.so.1" <<<"$loaded" ||
   fail "the find_package build does not load the installed libvemo.so.1"
 for program in pkgconfig/consumer_static cmake/consumer_static; do
-  if ldd "$work/$program" | grep -q libvemo; then fail "$program loads libvemo.so"; fi
+  loaded=$(ldd "$work/$program")
+  if grep -q libvemo <<<"$loaded"; then fail "$program loads libvemo.so"; fi
 done
 
 # ---- against the installed daemon ----
