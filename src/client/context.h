@@ -13,6 +13,8 @@
 #ifndef VEMO_CLIENT_CONTEXT_H
 #define VEMO_CLIENT_CONTEXT_H
 
+#include <stddef.h>
+
 #include <atomic>
 
 #include "util/sync.h"
@@ -102,6 +104,11 @@ void client_teardown_ordered();
 void client_exit_hook();
 void client_clear_callback();
 int client_set_callback(vemo_cloud_request_cb callback, const vemo_hello_cloud_cb_t *hello);
+
+// The daemon's socket path for the next connection (VEMO_SOCKET_PATH unless the application
+// chose another), copied with its terminator.
+constexpr size_t kSocketPathCapacity = 108;
+void client_socket_path(char out[kSocketPathCapacity]);
 
 // Sends one frame on fd, in turn with every other sender of this process.
 int client_send(int fd, const char *text);

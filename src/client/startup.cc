@@ -21,8 +21,8 @@ std::atomic<bool> g_exit_hook_registered{false};
 
 void exit_hook_trampoline() { client_exit_hook(); }
 
-int connect_server() {
-  int fd = ipc_socket_init_as_client(VEMO_SOCKET_PATH);
+int connect_server(const char *path) {
+  int fd = ipc_socket_init_as_client(path);
   if (fd < 0) {
     LOG_PRINT("ERROR", "fail to initialize the socket client, code=%d", fd);
     return fd;
@@ -75,12 +75,14 @@ int client_init() {
   // failure after the connection tears down whatever was made.
   int rc = 0;
   do {
-    if (access(VEMO_SOCKET_PATH, F_OK) != 0) {
+    char path[kSocketPathCapacity];
+    client_socket_path(path);
+    if (access(path, F_OK) != 0) {
       LOG_PRINT("WARN", "the socket server is not started");
       rc = VEMO_ERR_NO_SERVER;
       break;
     }
-    int fd = connect_server();
+    int fd = connect_server(path);
     if (fd < 0) {
       LOG_PRINT("ERROR", "fail to connect to the server, code=%d", fd);
       rc = fd;

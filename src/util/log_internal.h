@@ -6,6 +6,13 @@
 #include <stdio.h>
 #include <sys/time.h>
 
+#include "vemo/util.h"
+
+// LOG_PRINT under an explicit function name: for a helper that writes a line on behalf of the
+// operation its caller stands for (a log line names the operation, not the helper).
+#define LOG_PRINT_AS(function, level, ...) \
+  vemo_log_print((level), __FILE__, __LINE__, (function), __VA_ARGS__)
+
 namespace vemo {
 
 constexpr size_t kTimestampSize = 24;  // 23 characters and the terminator
