@@ -20,9 +20,15 @@
  *
  * Threads
  *   - Any application thread may call any function at any time, concurrently.
- *   - Every handler (vemo_response_cb, vemo_cloud_request_cb, the hello pair) runs on a library
- *     dispatch thread, one per received message, possibly several at once, and never under a
- *     lock of the library: a handler may call any vemo_ function.
+ *   - Every handler (vemo_response_cb, vemo_cloud_request_cb, the hello pair) runs on one of the
+ *     library's handler threads, possibly several at once, and never under a lock of the
+ *     library: a handler may call any vemo_ function. Handler threads are reused while work
+ *     keeps coming; at most 16 run at once, and messages beyond them wait in a queue bounded by
+ *     memory (8 MiB; a message that finds it full is dropped with a log line). Each has a stack
+ *     of VEMO_HANDLER_STACK_BYTES: keep large buffers off the stack in handlers.
+ *   - An idle connected client keeps two library threads: one receives, one expires responses.
+ *   - At exit, running handlers get up to one second to finish and send their answers; exit
+ *     does not wait longer for a handler that never returns.
  *   - A handler may still be running, or be called once more, for a message that was being
  *     dispatched while vemo_unregister_callback returned.
  *
@@ -38,6 +44,9 @@
 #include <vemo/export.h>
 
 #define VEMO_SOCKET_PATH "/tmp/cloud_svr"
+
+/* The stack size of the threads that run the application's handlers. */
+#define VEMO_HANDLER_STACK_BYTES (256 * 1024)
 
 VEMO_BEGIN_DECLS
 

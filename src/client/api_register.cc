@@ -8,54 +8,69 @@
 namespace vemo {
 namespace {
 
-constexpr int kControlTimeoutMs = 5000;
-
-int register_client(bool hello) {
+int register_client(bool hello, const Deadline &deadline, Exchange *exchange) {
   JsonPtr message = build_register(hello);
   if (!message) {
     LOG_PRINT("ERROR", "fail to create a new json object");
     return VEMO_ERR_NO_RESOURCE;
   }
-  return send_with_recv(message.get(), kControlTimeoutMs);
+  return send_with_recv(message.get(), deadline, exchange);
 }
 
-int unregister_client() {
+int unregister_client(const Deadline &deadline) {
   JsonPtr message = build_method_only(method::kUnregister);
   if (!message) {
     LOG_PRINT("ERROR", "fail to create a new json object");
     return VEMO_ERR_NO_RESOURCE;
   }
-  return send_with_recv(message.get(), kControlTimeoutMs);
+  return send_with_recv(message.get(), deadline);
 }
 
+Deadline control_deadline() { return Deadline::after_ms(kControlTimeoutMs, get_tick_count()); }
+
 }  // namespace
+
+int client_announce(bool hello, const Deadline &deadline, uint32_t *generation) {
+  Exchange exchange;
+  int rc = register_client(hello, deadline, &exchange);
+  *generation = exchange.generation;
+  return rc;
+}
+
 }  // namespace vemo
 
 using namespace vemo;
 
 extern "C" VEMO_API int vemo_register_callback(vemo_cloud_request_cb callback,
                                                const vemo_hello_cloud_cb_t *hello) {
+  Deadline deadline = control_deadline();
   if (callback == nullptr) {
     LOG_PRINT("ERROR", "the vemo_cloud_request_cb is NULL");
     return VEMO_ERR_INVALID_ARG;
   }
-  client_clear_callback();
-  int rc = client_set_callback(callback, hello);
+  uint32_t epoch = 0;
+  int rc = client_set_callback(callback, hello, &epoch);
   if (rc != 0) {
     LOG_PRINT("ERROR", "fail to set the callback, error=%d", rc);
     return rc;
   }
   // The handlers are in place before the daemon hears of them: a cloud request may reach them
   // before this call returns.
-  rc = register_client(hello != nullptr);
+  uint32_t generation = 0;
+  rc = client_announce(hello != nullptr, deadline, &generation);
+  // A teardown ordered by the daemon while the registration was on its way may have wiped the
+  // handlers: a call that returns 0 leaves them in place, one that fails leaves none.
+  if (rc == 0 && !client_confirm_callback(epoch, generation, callback, hello)) {
+    rc = VEMO_ERR_DISCONNECTED;
+  }
   if (rc == 0) return 0;
   LOG_PRINT("ERROR", "fail to register the client to the server, error=%d", rc);
-  client_clear_callback();
+  client_clear_callback_of(epoch);
   return rc;
 }
 
 extern "C" VEMO_API int vemo_unregister_callback(void) {
-  int rc = unregister_client();
+  int rc = unregister_client(control_deadline());
   if (rc == 0) {
     client_clear_callback();
     return 0;
@@ -65,10 +80,11 @@ extern "C" VEMO_API int vemo_unregister_callback(void) {
 }
 
 extern "C" VEMO_API int vemo_reconnect_cloud(void) {
+  Deadline deadline = control_deadline();
   JsonPtr message = build_method_only(method::kReconnect);
   if (!message) {
     LOG_PRINT("ERROR", "fail to create a new json object");
     return VEMO_ERR_NO_RESOURCE;
   }
-  return send_with_recv(message.get(), kControlTimeoutMs);
+  return send_with_recv(message.get(), deadline);
 }

@@ -1,35 +1,67 @@
 #include "client/context.h"
 
+#include <pthread.h>
 #include <stdlib.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <new>
 
 #include "client/msg_id_pool_internal.h"
 #include "client/response_internal.h"
-#include "vemo/ipc_socket.h"
 #include "util/task_pool_internal.h"
+#include "util/worker_pool.h"
 #include "vemo/util.h"
 
 namespace vemo {
 namespace {
-thread_local int t_greeting_fd = -1;
 
-// True while a greeting is being checked on this thread (the context is still Starting).
-bool in_greeting() { return t_greeting_fd >= 0; }
+// At exit, handlers still running get this long to finish (and send their answers) before the
+// connection goes; one that never returns does not hold the process's exit up any longer.
+constexpr int kExitHandlerWaitMs = 1000;
+
+pthread_once_t g_client_once = PTHREAD_ONCE_INIT;
+alignas(cloud_client_t) unsigned char g_client_storage[sizeof(cloud_client_t)];
+
+// pthread_once rather than a function-local static: no C++ runtime guard is needed.
+void make_client() { new (g_client_storage) cloud_client_t(); }
 
 void set_state(cloud_client_t &c, ClientState state) REQUIRES(c.lock) {
   c.state = state;
   c.state_changed.broadcast();
 }
+
+void forget_handlers(cloud_client_t &c) REQUIRES(c.lock) {
+  free(c.hello_cb);
+  c.hello_cb = nullptr;
+  c.request_cb = nullptr;
+  c.handlers_epoch += 1;
+}
+
+// Takes the Stopping state for a teardown of generation (any, when generation is null).
+// False when another teardown got there first or the client is not running.
+bool begin_teardown(cloud_client_t &c, const uint32_t *generation) {
+  MutexLock hold(c.lock);
+  // The receiving task runs before the start-up has quite finished: an order read in that
+  // window waits for the start-up to end. It cannot deadlock: once the receiving task has
+  // started, the start-up can no longer fail, and it holds the lock only to publish its state.
+  while (c.state == ClientState::kStarting) c.state_changed.wait(c.lock);
+  if (c.state != ClientState::kRunning) return false;
+  if (generation != nullptr && *generation != c.generation.load(std::memory_order_acquire)) {
+    return false;
+  }
+  set_state(c, ClientState::kStopping);
+  return true;
+}
+
+void end_teardown(cloud_client_t &c) {
+  MutexLock hold(c.lock);
+  set_state(c, ClientState::kIdle);
+}
+
 }  // namespace
 
 cloud_client_t &client() {
-  // Placement into static storage: constructed on first use, never destroyed.
-  alignas(cloud_client_t) static unsigned char storage[sizeof(cloud_client_t)];
-  static cloud_client_t *instance = new (storage) cloud_client_t();
-  return *instance;
+  pthread_once(&g_client_once, make_client);
+  return *reinterpret_cast<cloud_client_t *>(g_client_storage);
 }
 
 ClientHandlers client_handlers() {
@@ -44,15 +76,18 @@ ClientHandlers client_handlers() {
   return h;
 }
 
-bool client_in_greeting() { return in_greeting(); }
-
-int client_acquire() {
+int client_acquire(const Deadline &deadline, uint32_t *generation) {
   cloud_client_t &c = client();
-  if (in_greeting()) return VEMO_ERR_DISCONNECTED;  // the start-up is this very thread's
+  if (client_starting_here()) return VEMO_ERR_DISCONNECTED;
   MutexLock hold(c.lock);
-  while (c.state == ClientState::kStarting) c.state_changed.wait(c.lock);
+  while (c.state == ClientState::kStarting) {
+    int32_t left = deadline.remaining_ms(get_tick_count());
+    if (left <= 0) return VEMO_ERR_TIMEOUT;
+    c.state_changed.wait_for_ms(c.lock, left);
+  }
   if (c.state != ClientState::kRunning) return VEMO_ERR_DISCONNECTED;
   ++c.users;
+  if (generation != nullptr) *generation = c.generation.load(std::memory_order_acquire);
   return 0;
 }
 
@@ -62,15 +97,7 @@ void client_release() {
   if (--c.users == 0) c.state_changed.broadcast();
 }
 
-int client_send(int fd, const char *text) {
-  MutexLock hold(client().send_lock);
-  return ipc_socket_send(fd, text);
-}
-
-int client_reply_fd() { return in_greeting() ? t_greeting_fd : client().fd; }
-void client_set_greeting_fd(int fd) { t_greeting_fd = fd; }
-
-void client_destroy() {
+void client_destroy(Teardown why) {
   cloud_client_t &c = client();
   LOG_PRINT("DEBUG", "begin to destroy the client...");
   c.running.store(0, std::memory_order_release);
@@ -79,14 +106,14 @@ void client_destroy() {
     c.wake_tasks.broadcast();
   }
   // End all traffic at once: a receive blocked in the middle of a frame, or a send blocked on a
-  // daemon that stopped reading, returns now instead of holding the teardown up for ever.
-  if (c.fd != 0) ::shutdown(c.fd, SHUT_RDWR);
+  // daemon that stopped reading, returns now instead of holding the teardown up.
+  if (c.conn != nullptr) c.conn->shut();
   // Wake every sender and synchronous waiter; they return VEMO_ERR_DISCONNECTED.
   if (c.msg_id_pool != nullptr) msg_id_pool_close(c.msg_id_pool);
   if (c.response_list != nullptr) response_list_close(c.response_list);
   if (c.task_pool != nullptr) {
     LOG_PRINT("DEBUG", "destroy the task pool");
-    task_pool_destroy(c.task_pool);  // does not wait for the calling task
+    task_pool_destroy(c.task_pool);  // the two tasks only; never the calling one
   }
   {
     MutexLock hold(c.lock);
@@ -100,17 +127,19 @@ void client_destroy() {
     LOG_PRINT("DEBUG", "destroy the message id pool");
     msg_id_pool_destroy(c.msg_id_pool);
   }
-  if (c.fd != 0) {
+  if (c.conn != nullptr) {
     LOG_PRINT("DEBUG", "close the client file description");
-    ::close(c.fd);
+    // Handlers still answering hold references of their own: the descriptor closes with the last.
+    c.conn->unref();
   }
   {
-    // Reset under the lock: threads waiting for this teardown look at task_pool as they wake.
+    // Reset under the lock: threads waiting for this teardown look at the fields as they wake.
     MutexLock hold(c.lock);
-    free(c.hello_cb);
-    c.hello_cb = nullptr;
-    c.request_cb = nullptr;
-    c.fd = 0;
+    // A lost connection keeps the handlers for the reconnection, and so does a failed start-up
+    // (the reconnection may be the one that failed; a registration that fails clears its own).
+    if (why == Teardown::kOrdered) c.wiped_epoch = c.handlers_epoch;
+    if (why == Teardown::kOrdered || why == Teardown::kExit) forget_handlers(c);
+    c.conn = nullptr;
     c.msg_id_pool = nullptr;
     c.task_pool = nullptr;
     c.response_list = nullptr;
@@ -119,35 +148,30 @@ void client_destroy() {
   LOG_PRINT("DEBUG", "end to destroy the client...");
 }
 
-// Runs on a dispatch task (or on the receiving task when no dispatch task could be started).
-// It takes the Stopping state instead of holding the lock across the teardown, so a handler
-// running on another dispatch task can still take the lock, and a start-up that another thread
-// begins meanwhile waits until the teardown is complete. The task pool does not wait for the
-// task that runs this.
 void client_teardown_ordered() {
   cloud_client_t &c = client();
-  if (in_greeting()) {
-    // Refused at the greeting: nothing is set up yet; the starting thread cleans up its socket.
-    client_destroy();
-    return;
-  }
-  {
-    MutexLock hold(c.lock);
-    // The receiving task runs before the start-up has quite finished: an order read in that
-    // window waits for the start-up to end, then tears down. This cannot deadlock: once the
-    // receiving task has started, the start-up can no longer fail (and so never waits for the
-    // tasks), and it holds the lock only to publish its state.
-    while (c.state == ClientState::kStarting) c.state_changed.wait(c.lock);
-    if (c.state != ClientState::kRunning) return;  // another teardown got there first
-    set_state(c, ClientState::kStopping);
-  }
-  client_destroy();
-  MutexLock hold(c.lock);
-  set_state(c, ClientState::kIdle);
+  if (!begin_teardown(c, nullptr)) return;
+  client_destroy(Teardown::kOrdered);
+  end_teardown(c);
+}
+
+bool client_tear_down_lost(uint32_t generation) {
+  cloud_client_t &c = client();
+  if (!begin_teardown(c, &generation)) return false;
+  client_destroy(Teardown::kLost);
+  end_teardown(c);
+  return true;
 }
 
 void client_exit_hook() {
   cloud_client_t &c = client();
+  c.exiting.store(true, std::memory_order_release);
+  {
+    MutexLock hold(c.lock);
+    c.wake_tasks.broadcast();  // a reconnection pausing between attempts gives up
+  }
+  // Answers that handlers are still sending get out before the connection goes, within a bound.
+  handler_pool().wait_idle(kExitHandlerWaitMs);
   bool own = false;
   {
     MutexLock hold(c.lock);
@@ -160,38 +184,67 @@ void client_exit_hook() {
     }
   }
   if (!own) return;  // a teardown runs on the very task that called exit
-  client_destroy();
-  MutexLock hold(c.lock);
-  set_state(c, ClientState::kIdle);
+  client_destroy(Teardown::kExit);
+  end_teardown(c);
 }
 
 void client_clear_callback() {
   cloud_client_t &c = client();
   MutexLock hold(c.lock);
-  c.request_cb = nullptr;
-  free(c.hello_cb);
-  c.hello_cb = nullptr;
+  forget_handlers(c);
 }
 
-int client_set_callback(vemo_cloud_request_cb callback, const vemo_hello_cloud_cb_t *hello) {
+void client_clear_callback_of(uint32_t epoch) {
+  cloud_client_t &c = client();
+  MutexLock hold(c.lock);
+  if (c.handlers_epoch == epoch) forget_handlers(c);
+}
+
+namespace {
+// Installs a copy of the handlers (lock held). False when the copy cannot be allocated; nothing
+// is installed then.
+bool install_handlers(cloud_client_t &c, vemo_cloud_request_cb callback,
+                      const vemo_hello_cloud_cb_t *hello) REQUIRES(c.lock) {
+  forget_handlers(c);
+  if (hello != nullptr) {
+    c.hello_cb = static_cast<vemo_hello_cloud_cb_t *>(malloc(sizeof(vemo_hello_cloud_cb_t)));
+    if (c.hello_cb == nullptr) return false;
+    *c.hello_cb = *hello;
+  }
+  c.request_cb = callback;
+  return true;
+}
+}  // namespace
+
+int client_set_callback(vemo_cloud_request_cb callback, const vemo_hello_cloud_cb_t *hello,
+                        uint32_t *epoch) {
   cloud_client_t &c = client();
   {
     MutexLock hold(c.lock);
-    if (hello != nullptr) {
-      c.hello_cb = static_cast<vemo_hello_cloud_cb_t *>(malloc(sizeof(vemo_hello_cloud_cb_t)));
-      if (c.hello_cb == nullptr) {
-        LOG_PRINT("ERROR", "fail to malloc, size=%d", (int)sizeof(vemo_hello_cloud_cb_t));
-        c.request_cb = nullptr;
-      } else {
-        *c.hello_cb = *hello;
-      }
-    }
-    if (hello == nullptr || c.hello_cb != nullptr) {
-      c.request_cb = callback;
+    if (install_handlers(c, callback, hello)) {
+      *epoch = c.handlers_epoch;
       return 0;
     }
   }
+  LOG_PRINT("ERROR", "fail to malloc, size=%d", (int)sizeof(vemo_hello_cloud_cb_t));
   return VEMO_ERR_NO_RESOURCE;
+}
+
+bool client_confirm_callback(uint32_t epoch, uint32_t generation, vemo_cloud_request_cb callback,
+                             const vemo_hello_cloud_cb_t *hello) {
+  cloud_client_t &c = client();
+  MutexLock hold(c.lock);
+  if (c.handlers_epoch == epoch) return true;
+  // A teardown ordered by the daemon wiped exactly these handlers and nothing has touched them
+  // since: when the acknowledgement came from the connection made after that teardown, the
+  // daemon holds the registration, so the handlers go back in place. Otherwise the registration
+  // went with the old connection and the call fails without handlers.
+  bool wiped_by_order = c.wiped_epoch == epoch && c.handlers_epoch == epoch + 1;
+  if (!wiped_by_order || generation != c.generation.load(std::memory_order_acquire) ||
+      c.state != ClientState::kRunning) {
+    return false;
+  }
+  return install_handlers(c, callback, hello);
 }
 
 }  // namespace vemo

@@ -1,53 +1,141 @@
-// The receiving task and the dispatch of every message the daemon sends.
+// The dispatch of every message the daemon sends.
+//
+// Messages are classified and checked on the receiving task, which completes acknowledgements
+// and stores responses itself (waking the waiter is the only hand-off) and never runs
+// application code: handlers and response callbacks are queued to the handler pool with a copy
+// of their text and a reference to the connection their answer goes to. Only the greeting,
+// checked by the starting thread before anything else is set up, runs its handler in place.
 #include <stdlib.h>
 #include <string.h>
 
-#include <algorithm>
-
 #include "client/context.h"
+#include "client/dispatch_internal.h"
 #include "client/messages.h"
 #include "client/msg_id_pool_internal.h"
-#include "vemo/ipc_socket.h"
+#include "client/response_internal.h"
+#include "util/log_internal.h"
+#include "util/worker_pool.h"
 #include "vemo/util.h"
 
 namespace vemo {
 namespace {
 
-constexpr int kReceiveTurnMs = 50;
-// After a failed receive the task pauses before the next pass, doubling up to this bound, so a
-// closed connection neither spins a core nor floods the log. A success resets the pause.
-constexpr int kReceiveBackoffMaxMs = 5000;
+// A reply to a stalled daemon is given up after this long (the daemon's own request will have
+// timed out by then); the handler's thread is then free for the next message.
+constexpr int kReplySendTimeoutMs = 5000;
 
-// A received frame on its way to a dispatch task; the tree is parsed once, on the receiving
-// task, which needs it to recognise acknowledgements.
-struct Received {
-  char *text;
-  cJSON *tree;
-  bool on_heap;  // false only for the stack envelope of the out-of-memory path
-};
-
-int send_response(const char *answer, int id) {
+int send_response(Connection *conn, const char *answer, int id) {
   JsonPtr reply = build_reply(answer, id);
-  if (!reply) {
-    LOG_PRINT("ERROR", "fail to create a new json object");
-    return VEMO_ERR_NO_RESOURCE;
-  }
-  HeapText text = print_message(reply.get());
+  HeapText text = reply ? print_message(reply.get()) : HeapText();
   if (!text) {
     LOG_PRINT("ERROR", "fail to create a new json object");
     return VEMO_ERR_NO_RESOURCE;
   }
-  return client_send(client_reply_fd(), text.get());
+  return conn->send(text.get(), Deadline::after_ms(kReplySendTimeoutMs, get_tick_count()));
 }
 
-// Hands the answer of a handler to the daemon and frees it.
-int answer_request(char *answer, int id) {
-  int rc = send_response(answer, id);
+// Sends a handler's answer (null: the handler gave none) and frees it.
+int answer_request(Connection *conn, char *answer, int id) {
+  if (answer == nullptr) {
+    LOG_PRINT_AS("dispatch_request", "ERROR", "fail to get the response of the request");
+    return VEMO_ERR_NO_ANSWER;
+  }
+  int rc = send_response(conn, answer, id);
   free(answer);
   return rc;
 }
 
-int dispatch_request(const cJSON *root, const char *name) {
+struct HandlerWork {
+  Work work;  // first: the pool hands back its address
+  HandlerKind kind;
+  Connection *conn;  // a reference; null for response callbacks
+  int id;
+  vemo_response_cb callback;
+  char *text() { return reinterpret_cast<char *>(this + 1); }
+};
+
+void run_handler_work(Work *work) {
+  auto *item = reinterpret_cast<HandlerWork *>(work);
+  int rc = run_handler(item->kind, item->conn, item->id, item->text(), item->callback);
+  if (rc != 0) LOG_PRINT_AS("task_dispatch", "ERROR", "fail to dispatch the message, error=%d", rc);
+  if (item->conn != nullptr) item->conn->unref();
+  free(item);
+}
+
+}  // namespace
+
+int run_handler(HandlerKind kind, Connection *conn, int id, const char *text,
+                vemo_response_cb callback) {
+  if (kind == HandlerKind::kResponse) {
+    callback(id, text);
+    return 0;
+  }
+  ClientHandlers handlers = client_handlers();
+  char *answer = nullptr;
+  switch (kind) {
+    case HandlerKind::kCloudRequest:
+      if (handlers.request_cb == nullptr) break;
+      handlers.request_cb(text, &answer);
+      return answer_request(conn, answer, id);
+    case HandlerKind::kHelloRequest:
+      if (handlers.hello.on_hello_request == nullptr) break;
+      handlers.hello.on_hello_request(&answer);
+      return answer_request(conn, answer, -1);
+    case HandlerKind::kHelloResponse:
+      if (handlers.hello.on_hello_response == nullptr) break;
+      handlers.hello.on_hello_response(text);
+      return 0;
+    case HandlerKind::kResponse:
+      break;
+  }
+  LOG_PRINT_AS("dispatch_request", "WARN", "the function is NULL");
+  return VEMO_ERR_NO_HANDLER;
+}
+
+int queue_handler(HandlerKind kind, Connection *conn, int id, const char *text,
+                  vemo_response_cb callback) {
+  size_t length = text != nullptr ? strlen(text) : 0;
+  size_t bytes = sizeof(HandlerWork) + length + 1;
+  auto *item = static_cast<HandlerWork *>(malloc(bytes));
+  if (item == nullptr) {
+    LOG_PRINT_AS("task_receive", "ERROR", "fail to malloc, size=%d", static_cast<int>(bytes));
+    return VEMO_ERR_NO_RESOURCE;
+  }
+  item->work = Work{run_handler_work, nullptr, bytes};
+  item->kind = kind;
+  item->conn = conn != nullptr ? conn->ref() : nullptr;
+  item->id = id;
+  item->callback = callback;
+  memcpy(item->text(), text != nullptr ? text : "", length + 1);
+  bool failed_start = false;
+  int rc = handler_pool().submit(&item->work, &failed_start);
+  if (failed_start) {
+    // The message stays queued: the start is tried again with the next message or turn.
+    LOG_PRINT_AS("task_receive", "WARN", "fail to create a task to dispatch the message, error=%d",
+                 VEMO_ERR_NO_RESOURCE);
+  }
+  if (rc != 0) {
+    // The queue is at its bound: the message is dropped rather than stop the receiving task,
+    // which must go on reading acknowledgements (the handlers themselves may be waiting for
+    // theirs). The daemon sees no answer, as for a handler that gave none.
+    LOG_PRINT_AS("task_receive", "ERROR", "fail to queue the message, size=%d",
+                 static_cast<int>(bytes));
+    if (item->conn != nullptr) item->conn->unref();
+    free(item);
+  }
+  return rc;
+}
+
+namespace {
+
+// The handler runs at once on the greeting; otherwise it is queued (its result is then logged
+// where it runs).
+int hand_over(const DispatchContext &ctx, HandlerKind kind, int id, const char *text) {
+  if (ctx.greeting) return run_handler(kind, ctx.conn, id, text, nullptr);
+  return queue_handler(kind, ctx.conn, id, text, nullptr);
+}
+
+int dispatch_request(const cJSON *root, const char *name, const DispatchContext &ctx) {
   if (strcmp(name, method::kCloudRequest) == 0) {
     int id = 0;
     if (!json_int(root, key::kId, &id)) {
@@ -64,32 +152,10 @@ int dispatch_request(const cJSON *root, const char *name) {
       LOG_PRINT("ERROR", "fail to get the request form the parameters");
       return VEMO_ERR_MISSING_KEY;
     }
-    ClientHandlers handlers = client_handlers();
-    if (handlers.request_cb == nullptr) {
-      LOG_PRINT("WARN", "the function is NULL");
-      return VEMO_ERR_NO_HANDLER;
-    }
-    char *answer = nullptr;
-    handlers.request_cb(request, &answer);
-    if (answer == nullptr) {
-      LOG_PRINT("ERROR", "fail to get the response of the request");
-      return VEMO_ERR_NO_ANSWER;
-    }
-    return answer_request(answer, id);
+    return hand_over(ctx, HandlerKind::kCloudRequest, id, request);
   }
   if (strcmp(name, method::kHelloRequest) == 0) {
-    ClientHandlers handlers = client_handlers();
-    if (handlers.hello.on_hello_request == nullptr) {
-      LOG_PRINT("WARN", "the function is NULL");
-      return VEMO_ERR_NO_HANDLER;
-    }
-    char *answer = nullptr;
-    handlers.hello.on_hello_request(&answer);
-    if (answer == nullptr) {
-      LOG_PRINT("ERROR", "fail to get the response of the request");
-      return VEMO_ERR_NO_ANSWER;
-    }
-    return answer_request(answer, -1);
+    return hand_over(ctx, HandlerKind::kHelloRequest, -1, nullptr);
   }
   if (strcmp(name, method::kHelloResponse) == 0) {
     const cJSON *params = json_item(root, key::kParams);
@@ -102,13 +168,7 @@ int dispatch_request(const cJSON *root, const char *name) {
       LOG_PRINT("ERROR", "fail to get the response from the parameters");
       return VEMO_ERR_MISSING_KEY;
     }
-    ClientHandlers handlers = client_handlers();
-    if (handlers.hello.on_hello_response == nullptr) {
-      LOG_PRINT("WARN", "the function is NULL");
-      return VEMO_ERR_NO_HANDLER;
-    }
-    handlers.hello.on_hello_response(response);
-    return 0;
+    return hand_over(ctx, HandlerKind::kHelloResponse, 0, response);
   }
   if (strcmp(name, method::kServerNotify) == 0) {
     const cJSON *params = json_item(root, key::kParams);
@@ -122,7 +182,12 @@ int dispatch_request(const cJSON *root, const char *name) {
       return VEMO_ERR_MISSING_KEY;
     }
     if (type != 1) return 0;
-    client_teardown_ordered();
+    // Refused at the greeting: nothing is set up yet, only the handlers are forgotten.
+    if (ctx.greeting) {
+      client_clear_callback();
+    } else {
+      client_teardown_ordered();
+    }
     return VEMO_ERR_DISCONNECTED;
   }
   return VEMO_ERR_NO_HANDLER;
@@ -150,7 +215,7 @@ int dispatch_response(const cJSON *root) {
   return 0;
 }
 
-int dispatch_notify(const cJSON *root) {
+int dispatch_notify(const cJSON *root, const DispatchContext &ctx) {
   int code = 0;
   if (!json_int(root, key::kErrorCode, &code)) {
     LOG_PRINT("ERROR", "fail to get the error code from the response");
@@ -175,94 +240,30 @@ int dispatch_notify(const cJSON *root) {
     LOG_PRINT("ERROR", "fail to get the response from the result");
     return VEMO_ERR_MISSING_KEY;
   }
-  return response_data_set_response(client().response_list, id, response);
-}
-
-bool is_acknowledgement(const cJSON *root) {
-  return json_text(root, key::kMethod) == nullptr && json_item(root, key::kId) != nullptr;
-}
-
-int dispatch_tree(const cJSON *root) {
-  // A method that is not a JSON string counts as missing, like every text item.
-  const char *name = json_text(root, key::kMethod);
-  if (name != nullptr) return dispatch_request(root, name);
-  if (json_item(root, key::kId) != nullptr) return dispatch_response(root);
-  return dispatch_notify(root);
-}
-
-void task_dispatch(void *arg) {
-  Received *received = static_cast<Received *>(arg);
-  int rc = received->tree != nullptr ? dispatch_tree(received->tree)
-                                     : dispatch_message(received->text);
-  if (rc != 0) LOG_PRINT("ERROR", "fail to dispatch the message, error=%d", rc);
-  cJSON_Delete(received->tree);
-  free(received->text);
-  if (received->on_heap) free(received);
-}
-
-// Prepares a received text for its dispatch: the tree is parsed here, once. Null when no memory
-// is left to carry it; the caller then dispatches the bare text itself.
-Received *receive_envelope(char *text) {
-  Received *received = static_cast<Received *>(malloc(sizeof(Received)));
-  if (received == nullptr) return nullptr;
-  received->text = text;
-  received->tree = cJSON_Parse(text);
-  received->on_heap = true;
-  return received;
+  if (ctx.greeting) return response_data_set_response(client().response_list, id, response);
+  vemo_response_cb callback = nullptr;
+  int rc = response_data_deliver(client().response_list, id, response, &callback);
+  if (rc == 0 && callback != nullptr) queue_handler(HandlerKind::kResponse, nullptr, id, response, callback);
+  return rc;
 }
 
 }  // namespace
 
-int dispatch_message(const char *text) {
+int dispatch_tree(const cJSON *root, const DispatchContext &ctx) {
+  // A method that is not a JSON string counts as missing, like every text item.
+  const char *name = json_text(root, key::kMethod);
+  if (name != nullptr) return dispatch_request(root, name, ctx);
+  if (json_item(root, key::kId) != nullptr) return dispatch_response(root);
+  return dispatch_notify(root, ctx);
+}
+
+int dispatch_message(const char *text, const DispatchContext &ctx) {
   JsonPtr root(cJSON_Parse(text));
   if (!root) {
     LOG_PRINT("ERROR", "fail to parse the message");
     return VEMO_ERR_BAD_FORMAT;
   }
-  return dispatch_tree(root.get());
-}
-
-void task_receive(void *) {
-  cloud_client_t &c = client();
-  const uint32_t generation = c.generation.load(std::memory_order_acquire);
-  LOG_PRINT("DEBUG", "begin the task to receive from the server...");
-  int pause_ms = 0;
-  while (client_serving(c, generation)) {
-    char *text = nullptr;
-    int rc = ipc_socket_recv_timed(c.fd, kReceiveTurnMs, &text);
-    if (rc == 0) {
-      pause_ms = 0;
-      Received *received = receive_envelope(text);
-      if (received == nullptr) {
-        Received bare = {text, nullptr, false};  // dispatched here: the stack will do
-        task_dispatch(&bare);
-        continue;
-      }
-      // Acknowledgements are dispatched right here, in the order they arrived, so that a
-      // response notification read after its acknowledgement always finds the request id in
-      // the response list. Everything else (which may run application code) goes to a dispatch
-      // task of its own.
-      if (received->tree != nullptr && is_acknowledgement(received->tree)) {
-        task_dispatch(received);
-        continue;
-      }
-      rc = task_pool_add(c.task_pool, task_dispatch, nullptr, received);
-      if (rc != 0) {
-        LOG_PRINT("WARN", "fail to create a task to dispatch the message, error=%d", rc);
-        task_dispatch(received);
-      }
-      continue;
-    }
-    free(text);
-    if (rc == VEMO_ERR_RECV_TIMEOUT) continue;
-    // A teardown shuts the socket down under us: that is not a failure worth a line.
-    if (!client_serving(c, generation)) break;
-    LOG_PRINT("ERROR", "fail to receive the message, error=%d", rc);
-    pause_ms = pause_ms == 0 ? kReceiveTurnMs : std::min(pause_ms * 2, kReceiveBackoffMaxMs);
-    MutexLock hold(c.lock);
-    if (client_serving(c, generation)) c.wake_tasks.wait_for_ms(c.lock, pause_ms);
-  }
-  LOG_PRINT("DEBUG", "end the task to receive from the server...");
+  return dispatch_tree(root.get(), ctx);
 }
 
 }  // namespace vemo

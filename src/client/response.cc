@@ -13,6 +13,7 @@
 #include "client/response_internal.h"
 #include "client/response_probe.h"
 #include "util/clock.h"
+#include "util/log_internal.h"
 #include "util/sync.h"
 #include "util/thread_annotations.h"
 #include "vemo/util.h"
@@ -263,17 +264,17 @@ extern "C" VEMO_API int response_data_add(response_list_t *list, int id, int tim
   return VEMO_OK;
 }
 
-extern "C" VEMO_API int response_data_set_response(response_list_t *list, int id,
-                                                   const char *response) {
+int vemo::response_data_deliver(response_list_t *list, int id, const char *response,
+                                vemo_response_cb *callback) {
+  *callback = nullptr;
   if (list == nullptr || response == nullptr) {
-    LOG_PRINT("WARN", "the list or response is NULL");
+    LOG_PRINT_AS("response_data_set_response", "WARN", "the list or response is NULL");
     return VEMO_ERR_INVALID_ARG;
   }
   // Copied before the lock is taken so that no allocation runs under it. A failed copy is not
   // logged here: it leaves the entry without text, and its collector reports the loss.
   char *copy = copy_string(response);
   char *previous = nullptr;
-  vemo_response_cb callback = nullptr;
   bool found = false;
   {
     vemo::MutexLock lock(list->mutex);
@@ -285,19 +286,26 @@ extern "C" VEMO_API int response_data_set_response(response_list_t *list, int id
       entry->recv_tick = vemo::now_tick();
       entry->arrived = true;
       // Read now: once arrived is set, a collector may free the entry as soon as we unlock.
-      callback = entry->callback;
+      *callback = entry->callback;
       vemo::wake_waiters(entry);
     }
   }
   if (!found) {
     free(copy);
-    LOG_PRINT("ERROR", "can not find the message id, id=%d", id);
+    LOG_PRINT_AS("response_data_set_response", "ERROR", "can not find the message id, id=%d", id);
     return VEMO_ERR_NOT_FOUND;
   }
   free(previous);
-  // Unlocked: the callback may collect its own response (vemo_get_response) right here.
-  if (callback != nullptr) callback(id, response);
   return VEMO_OK;
+}
+
+extern "C" VEMO_API int response_data_set_response(response_list_t *list, int id,
+                                                   const char *response) {
+  vemo_response_cb callback = nullptr;
+  int rc = vemo::response_data_deliver(list, id, response, &callback);
+  // Unlocked: the callback may collect its own response (vemo_get_response) right here.
+  if (rc == 0 && callback != nullptr) callback(id, response);
+  return rc;
 }
 
 extern "C" VEMO_API int response_data_get_response(response_list_t *list, int id, char **response) {

@@ -18,6 +18,11 @@ namespace vemo {
 int response_data_wait_response(response_list_t *list, int id, uint32_t start_tick,
                                 int32_t timeout_ms, char **response);
 
+// response_data_set_response without calling the callback: the entry's callback (or null) is
+// stored at *callback for the caller to run where it sees fit. Same results and log lines.
+int response_data_deliver(response_list_t *list, int id, const char *response,
+                          vemo_response_cb *callback);
+
 // Wakes every waiter (they get VEMO_ERR_DISCONNECTED); later waits fail at once. The list stays
 // valid until response_list_destroy.
 void response_list_close(response_list_t *list);

@@ -43,12 +43,6 @@ thread_local Task *t_current_task = nullptr;
 
 std::atomic<TaskThreadStarter> g_starter{nullptr};
 
-int start_thread(pthread_t *thread, void *(*entry)(void *), void *arg) {
-  TaskThreadStarter starter = g_starter.load(std::memory_order_acquire);
-  if (starter != nullptr) return starter(thread, entry, arg);
-  return pthread_create(thread, nullptr, entry, arg);
-}
-
 // Lowers count by one; wakes the destroyer when no task is left. The broadcast is made with the
 // mutex held: the destroyer frees the pool as soon as it gets the mutex, so nothing of the pool
 // may be touched after the unlock.
@@ -68,6 +62,13 @@ int32_t task_pool_count(task_pool_t *pool) {
 
 bool task_pool_is_own_thread(const task_pool_t *pool) {
   return pool != nullptr && t_current_task != nullptr && t_current_task->pool == pool;
+}
+
+int start_task_thread(pthread_t *thread, const pthread_attr_t *attr, void *(*entry)(void *),
+                      void *arg) {
+  TaskThreadStarter starter = g_starter.load(std::memory_order_acquire);
+  if (starter != nullptr) return starter(thread, attr, entry, arg);
+  return pthread_create(thread, attr, entry, arg);
 }
 
 void task_pool_set_thread_starter(TaskThreadStarter starter) {
@@ -117,7 +118,7 @@ extern "C" VEMO_API int task_pool_add(task_pool_t *pool, task_func_t func, task_
     pool->count += 1;
   }
   pthread_t thread;
-  if (vemo::start_thread(&thread, task_pool_thread, task) != 0) {
+  if (vemo::start_task_thread(&thread, nullptr, task_pool_thread, task) != 0) {
     // The thread never ran, so the record is still ours. The platform's error number is not
     // passed on: to the caller every failed start means "no resource".
     free(task);

@@ -42,15 +42,9 @@ TEST_F(Races, TeardownDuringSyncWaitReturns1101ToTheWaiter) {
 // ---- A handler calling the API while the client is torn down ------------------------------------
 
 enum class Api { kSync, kRegister, kUnregister };
-enum class When {
-  kDuringTheCall,    // the daemon orders the teardown when the handler's message reaches it
-  kDuringTeardown,   // the handler makes its call while the teardown waits for the handler
-};
-
 struct HandlerCase {
   const char *name;
   Api api;
-  When when;
   const char *method;  // what the handler's call sends
 };
 
@@ -58,7 +52,6 @@ void PrintTo(const HandlerCase &c, std::ostream *os) { *os << c.name; }
 
 std::atomic<Api> g_api{Api::kSync};
 std::atomic<int> g_result{0};
-Gate *g_gate = nullptr;  // set by the kDuringTeardown cases
 Signal g_entered;
 Signal g_done;
 
@@ -66,7 +59,6 @@ void other_handler(const char *, char **) {}
 
 void calling_handler(const char *, char **response) {
   g_entered.notify();
-  if (g_gate != nullptr && !g_gate->pass()) ADD_FAILURE() << "the gate never opened";
   int rc = 0;
   switch (g_api.load()) {
     case Api::kSync: {
@@ -89,37 +81,25 @@ void calling_handler(const char *, char **response) {
 
 class HandlerCallsDuringTeardown : public Races, public ::testing::WithParamInterface<HandlerCase> {};
 
+// The daemon orders the teardown when the handler's own message reaches it, so the handler is
+// inside its call when the teardown begins.
 TEST_P(HandlerCallsDuringTeardown, CallReturns1101AndTheTeardownCompletes) {
   const HandlerCase &c = GetParam();
   g_api = c.api;
-  Gate gate;
   ASSERT_EQ(0, vemo_register_callback(calling_handler, nullptr));
   std::atomic<bool> armed{false};
-  if (c.when == When::kDuringTheCall) {
-    // The handler's own message never gets its acknowledgement: the daemon orders the teardown
-    // instead, so the handler is inside its call when the teardown begins.
-    daemon_.set_handler([&armed, method = std::string(c.method)](CloudDaemon &d, const Received &m) {
-      if (!armed.load() || m.method != method) return false;
-      d.send_server_notify(1, m.conn);
-      return true;
-    });
-    armed = true;
-  } else {
-    g_gate = &gate;
-  }
+  daemon_.set_handler([&armed, method = std::string(c.method)](CloudDaemon &d, const Received &m) {
+    if (!armed.load() || m.method != method) return false;
+    d.send_server_notify(1, m.conn);
+    return true;
+  });
+  armed = true;
   daemon_.send_cloud_request("call the API");
   ASSERT_TRUE(g_entered.wait_for(1));
-  if (c.when == When::kDuringTeardown) {
-    daemon_.send_server_notify(1);
-    // The teardown has told everyone to stop and now waits for the tasks, this handler's too.
-    EXPECT_TRUE(WaitLogged("client_destroy", "DEBUG", "destroy the task pool"));
-    gate.open();
-  }
   EXPECT_TRUE(g_done.wait_for(1)) << "the handler's call never returned";
   EXPECT_EQ(VEMO_ERR_DISCONNECTED, g_result.load());
   EXPECT_TRUE(WaitLogged("client_destroy", "DEBUG", "end to destroy the client..."))
       << "the teardown never completed";
-  g_gate = nullptr;
   daemon_.set_handler(nullptr);
 
   // Nothing of the old registration survives, whatever the handler's call did meanwhile.
@@ -131,16 +111,40 @@ TEST_P(HandlerCallsDuringTeardown, CallReturns1101AndTheTeardownCompletes) {
 }
 
 const HandlerCase kHandlerCases[] = {
-    {"SyncRequestDuringTheCall", Api::kSync, When::kDuringTheCall, "device_request"},
-    {"RegisterDuringTheCall", Api::kRegister, When::kDuringTheCall, "register_callback"},
-    {"UnregisterDuringTheCall", Api::kUnregister, When::kDuringTheCall, "unregister_callback"},
-    {"SyncRequestDuringTheTeardown", Api::kSync, When::kDuringTeardown, "device_request"},
-    {"RegisterDuringTheTeardown", Api::kRegister, When::kDuringTeardown, "register_callback"},
-    {"UnregisterDuringTheTeardown", Api::kUnregister, When::kDuringTeardown, "unregister_callback"},
+    {"SyncRequestDuringTheCall", Api::kSync, "device_request"},
+    {"RegisterDuringTheCall", Api::kRegister, "register_callback"},
+    {"UnregisterDuringTheCall", Api::kUnregister, "unregister_callback"},
 };
 
 INSTANTIATE_TEST_SUITE_P(Api, HandlerCallsDuringTeardown, ::testing::ValuesIn(kHandlerCases),
                          [](const ::testing::TestParamInfo<HandlerCase> &info) { return info.param.name; });
+
+// A teardown ordered while a handler runs completes without waiting for it; the handler's late
+// answer goes nowhere (its connection is shut), and the next call connects afresh.
+Gate *g_hold = nullptr;
+void held_handler(const char *, char **response) {
+  g_entered.notify();
+  if (!g_hold->pass()) ADD_FAILURE() << "the gate never opened";
+  *response = strdup("too late");
+  g_done.notify();
+}
+
+TEST_F(Races, OrderedTeardownDoesNotWaitForARunningHandler) {
+  Gate gate;
+  g_hold = &gate;
+  ASSERT_EQ(0, vemo_register_callback(held_handler, nullptr));
+  daemon_.set_next_cloud_request_id(9);
+  daemon_.send_cloud_request("hold on");
+  ASSERT_TRUE(g_entered.wait_for(1));
+  ASSERT_EQ(1, daemon_.send_server_notify(1));
+  EXPECT_TRUE(WaitLogged("client_destroy", "DEBUG", "end to destroy the client..."));
+  gate.open();
+  ASSERT_TRUE(g_done.wait_for(1));
+  EXPECT_TRUE(WaitLogged("task_dispatch", "ERROR", "fail to dispatch the message, error=-1101"));
+  EXPECT_FALSE(daemon_.wait_for_reply(9, 100).has_value());
+  ASSERT_EQ(0, vemo_reconnect_cloud());
+  EXPECT_EQ(2, daemon_.connections_seen());
+}
 
 // ---- Handlers and callbacks calling the API on themselves ----------------------------------------
 

@@ -61,9 +61,9 @@ void *tracked_thread(void *p) {
   return nullptr;
 }
 
-int tracked_starter(pthread_t *thread, void *(*entry)(void *), void *arg) {
+int tracked_starter(pthread_t *thread, const pthread_attr_t *attr, void *(*entry)(void *), void *arg) {
   auto *start = new Start{entry, arg};
-  int rc = pthread_create(thread, nullptr, tracked_thread, start);
+  int rc = pthread_create(thread, attr, tracked_thread, start);
   if (rc != 0) delete start;
   return rc;
 }
@@ -282,7 +282,7 @@ TEST_F(TaskPool, IsOwnThreadOnlyInsideATaskOfThatPool) {
 task_pool_t *g_failing_pool = nullptr;
 std::atomic<int> g_count_during_start{-1};
 
-int failing_starter(pthread_t *, void *(*)(void *), void *) {
+int failing_starter(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *) {
   g_count_during_start.store(vemo::task_pool_count(g_failing_pool));
   return EAGAIN;
 }
