@@ -160,9 +160,8 @@ PieceCosts measure_pieces(const std::string &request, const std::string &frame,
   // response parsed.
   Stopwatch watch;
   for (int i = 0; i < kJsonRounds; ++i) {
-    vemo::JsonPtr message = vemo::build_device_request(request.c_str(), 5000, 0);
-    vemo::add_message_id(message.get(), 7);
-    vemo::HeapText text = vemo::print_message(message.get());
+    vemo::MessageText message = vemo::device_request_text(request.c_str(), 5000, 0);
+    message.close_with_id(7);
     vemo::JsonPtr a(cJSON_Parse(ack.c_str()));
     vemo::JsonPtr r(cJSON_Parse(response.c_str()));
   }

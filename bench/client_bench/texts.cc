@@ -12,10 +12,9 @@ std::string request_text(int size) {
 }
 
 std::string device_request_frame(const std::string &request, int inner_id) {
-  vemo::JsonPtr message = vemo::build_device_request(request.c_str(), kRequestTimeoutMs, 0);
-  if (!message || !vemo::add_message_id(message.get(), inner_id)) return std::string();
-  vemo::HeapText text = vemo::print_message(message.get());
-  return text ? std::string(text.get()) : std::string();
+  vemo::MessageText message = vemo::device_request_text(request.c_str(), kRequestTimeoutMs, 0);
+  message.close_with_id(inner_id);
+  return message.ok() ? std::string(message.c_str()) : std::string();
 }
 
 // The daemon's own wording (tools/vemo_cloudd), with the request text needing no escapes.

@@ -9,21 +9,21 @@ namespace vemo {
 namespace {
 
 int register_client(bool hello, const Deadline &deadline, Exchange *exchange) {
-  JsonPtr message = build_register(hello);
-  if (!message) {
+  MessageText message = register_text(hello);
+  if (!message.ok()) {
     LOG_PRINT("ERROR", "fail to create a new json object");
     return VEMO_ERR_NO_RESOURCE;
   }
-  return send_with_recv(message.get(), deadline, exchange);
+  return send_with_recv(message, deadline, exchange);
 }
 
 int unregister_client(const Deadline &deadline) {
-  JsonPtr message = build_method_only(method::kUnregister);
-  if (!message) {
+  MessageText message = method_only_text(method::kUnregister);
+  if (!message.ok()) {
     LOG_PRINT("ERROR", "fail to create a new json object");
     return VEMO_ERR_NO_RESOURCE;
   }
-  return send_with_recv(message.get(), deadline);
+  return send_with_recv(message, deadline);
 }
 
 Deadline control_deadline() { return Deadline::after_ms(kControlTimeoutMs, get_tick_count()); }
@@ -81,10 +81,10 @@ extern "C" VEMO_API int vemo_unregister_callback(void) {
 
 extern "C" VEMO_API int vemo_reconnect_cloud(void) {
   Deadline deadline = control_deadline();
-  JsonPtr message = build_method_only(method::kReconnect);
-  if (!message) {
+  MessageText message = method_only_text(method::kReconnect);
+  if (!message.ok()) {
     LOG_PRINT("ERROR", "fail to create a new json object");
     return VEMO_ERR_NO_RESOURCE;
   }
-  return send_with_recv(message.get(), deadline);
+  return send_with_recv(message, deadline);
 }

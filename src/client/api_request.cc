@@ -33,8 +33,8 @@ int enter_request_id(void *ctx, int value) {
 // list took the request id.
 int send_request(const char *request, int timeout_ms, int flag, vemo_response_cb callback,
                  const Deadline &deadline, uint32_t *generation) {
-  JsonPtr message = build_device_request(request, timeout_ms, flag);
-  if (!message) {
+  MessageText message = device_request_text(request, timeout_ms, flag);
+  if (!message.ok()) {
     LOG_PRINT_AS("vemo_send_request_async", "ERROR", "fail to create a new json object");
     return VEMO_ERR_NO_RESOURCE;
   }
@@ -42,7 +42,7 @@ int send_request(const char *request, int timeout_ms, int flag, vemo_response_cb
   MsgDeliverHook hook = {enter_request_id, &pending};
   Exchange exchange;
   exchange.hook = &hook;
-  int rc = send_with_recv(message.get(), deadline, &exchange);
+  int rc = send_with_recv(message, deadline, &exchange);
   if (rc < 0) {
     LOG_PRINT_AS("vemo_send_request_async", "ERROR", "fail to send the request, error=%d", rc);
     return rc;

@@ -25,13 +25,12 @@ namespace {
 constexpr int kReplySendTimeoutMs = 5000;
 
 int send_response(Connection *conn, const char *answer, int id) {
-  JsonPtr reply = build_reply(answer, id);
-  HeapText text = reply ? print_message(reply.get()) : HeapText();
-  if (!text) {
+  MessageText reply = reply_text(answer, id);
+  if (!reply.ok()) {
     LOG_PRINT("ERROR", "fail to create a new json object");
     return VEMO_ERR_NO_RESOURCE;
   }
-  return conn->send(text.get(), Deadline::after_ms(kReplySendTimeoutMs, get_tick_count()));
+  return conn->send(reply.c_str(), Deadline::after_ms(kReplySendTimeoutMs, get_tick_count()));
 }
 
 // Sends a handler's answer (null: the handler gave none) and frees it.

@@ -8,7 +8,7 @@
 
 namespace vemo {
 
-int send_with_recv(cJSON *message, const Deadline &deadline, Exchange *exchange) {
+int send_with_recv(MessageText &message, const Deadline &deadline, Exchange *exchange) {
   cloud_client_t &c = client();
   Exchange local;
   if (exchange == nullptr) exchange = &local;
@@ -33,11 +33,8 @@ int send_with_recv(cJSON *message, const Deadline &deadline, Exchange *exchange)
     LOG_PRINT("ERROR", "fail to get the message id, error=%d", id);
     return id;
   }
-  int rc = VEMO_ERR_NO_RESOURCE;
-  if (add_message_id(message, id)) {
-    HeapText text = print_message(message);
-    if (text) rc = c.conn->send(text.get(), deadline);
-  }
+  message.close_with_id(id);
+  int rc = message.ok() ? c.conn->send(message.c_str(), deadline) : VEMO_ERR_NO_RESOURCE;
   if (rc != 0) {
     LOG_PRINT("ERROR", "fail to send the request, error=%d", rc);
     msg_id_put_to_idle(c.msg_id_pool, id);

@@ -3,9 +3,9 @@
 #ifndef VEMO_CLIENT_EXCHANGE_H
 #define VEMO_CLIENT_EXCHANGE_H
 
-#include <cjson/cJSON.h>
 #include <stdint.h>
 
+#include "client/messages.h"
 #include "client/msg_id_pool_internal.h"
 #include "util/clock.h"
 
@@ -23,10 +23,10 @@ struct Exchange {
   uint32_t generation = 0;
 };
 
-// message stays the caller's; inner_id is added to it. Returns the acknowledgement's value (the
+// message is an open message text; the exchange closes it with its inner_id. Returns the acknowledgement's value (the
 // daemon's non-zero code, else inner_result.id, else 0) or a negative local code. A deadline of
 // 0 ms or less sends the message and returns VEMO_ERR_TIMEOUT without waiting.
-int send_with_recv(cJSON *message, const Deadline &deadline, Exchange *exchange = nullptr);
+int send_with_recv(MessageText &message, const Deadline &deadline, Exchange *exchange = nullptr);
 
 // Announces the registration (register_callback with hello_cloud) within deadline: the
 // exchange's result; generation receives the start-up that acknowledged it.

@@ -49,17 +49,46 @@ const cJSON *json_item(const cJSON *object, const char *name);
 // The member's integer value; false when it is missing.
 bool json_int(const cJSON *object, const char *name, int *value);
 
-// Builders; each returns null when an object cannot be created (the caller logs).
-JsonPtr build_device_request(const char *request, int timeout_ms, int flag);
-JsonPtr build_register(bool hello);
-JsonPtr build_method_only(const char *method_name);
-JsonPtr build_reply(const char *answer, int id);
+// The text of an outgoing message, written straight into one heap buffer: the same bytes that
+// cJSON's unformatted printer gives for the same object (keys in the same order, the same string
+// escapes, 32-bit integers in plain decimal), without building a tree and printing it, which
+// cost more than the rest of a request. An open message lacks its closing brace: the exchange
+// closes it with its inner_id once it holds one.
+class MessageText {
+ public:
+  MessageText() = default;
+  // Room for expected bytes, so that a message is usually built in one allocation.
+  explicit MessageText(size_t expected);
+  ~MessageText() { free(text_); }
+  MessageText(MessageText &&other) noexcept;
+  MessageText(const MessageText &) = delete;
+  MessageText &operator=(const MessageText &) = delete;
+  MessageText &operator=(MessageText &&) = delete;
 
-// Adds inner_id; false when the number cannot be created.
-bool add_message_id(cJSON *message, int id);
+  // False once an allocation failed: the text is then unusable.
+  bool ok() const { return !failed_ && text_ != nullptr; }
+  const char *c_str() const { return text_; }
 
-// The message printed unformatted, or null.
-HeapText print_message(const cJSON *message);
+  void raw(const char *text);
+  void string(const char *text);  // a JSON string
+  void number(int value);
+  // Closes an open message: ,"inner_id":id}.
+  void close_with_id(int id);
+
+ private:
+  bool reserve(size_t more);
+  char *text_ = nullptr;
+  size_t length_ = 0;
+  size_t capacity_ = 0;
+  bool failed_ = false;
+};
+
+// Open messages (closed by the exchange with their inner_id).
+MessageText device_request_text(const char *request, int timeout_ms, int flag);
+MessageText register_text(bool hello);
+MessageText method_only_text(const char *method_name);
+// The complete reply to a cloud_request (id > 0: echoed) or a hello request.
+MessageText reply_text(const char *answer, int id);
 
 }  // namespace vemo
 

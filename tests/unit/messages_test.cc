@@ -1,6 +1,7 @@
 // The wire shape of the client's messages and the reading rules for the daemon's.
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <string>
 
 #include "client/messages.h"
@@ -8,48 +9,65 @@
 namespace {
 
 using vemo::JsonPtr;
+using vemo::MessageText;
 
-std::string printed(const JsonPtr &message) {
-  vemo::HeapText text = vemo::print_message(message.get());
-  return text ? std::string(text.get()) : std::string("<null>");
+std::string closed(MessageText message, int id) {
+  message.close_with_id(id);
+  return message.ok() ? std::string(message.c_str()) : std::string("<failed>");
 }
 
-TEST(ClientMessages, DeviceRequestKeysInOrderUnformatted) {
-  JsonPtr message = vemo::build_device_request("hi \"there\"", 3000, -1);
-  ASSERT_TRUE(message);
-  ASSERT_TRUE(vemo::add_message_id(message.get(), 7));
-  EXPECT_EQ(printed(message),
-            "{\"inner_method\":\"device_request\",\"inner_params\":{\"request\":\"hi \\\"there\\\"\","
-            "\"timeout_ms\":3000,\"flag\":-1},\"inner_id\":7}");
+// What cJSON's unformatted printer gives for the same object: the text builder must match it
+// byte for byte.
+std::string printed_by_cjson(const char *request, int timeout_ms, int flag, int id) {
+  JsonPtr message(cJSON_CreateObject());
+  cJSON_AddItemToObject(message.get(), "inner_method", cJSON_CreateString("device_request"));
+  cJSON *params = cJSON_CreateObject();
+  cJSON_AddItemToObject(message.get(), "inner_params", params);
+  cJSON_AddItemToObject(params, "request", cJSON_CreateString(request));
+  cJSON_AddItemToObject(params, "timeout_ms", cJSON_CreateNumber(timeout_ms));
+  cJSON_AddItemToObject(params, "flag", cJSON_CreateNumber(flag));
+  cJSON_AddItemToObject(message.get(), "inner_id", cJSON_CreateNumber(id));
+  vemo::HeapText text(cJSON_PrintUnformatted(message.get()));
+  return text.get();
 }
 
-TEST(ClientMessages, NegativeTimeoutIsPassedUnchanged) {
-  JsonPtr message = vemo::build_device_request("", -1, 0);
-  EXPECT_EQ(printed(message),
-            "{\"inner_method\":\"device_request\",\"inner_params\":{\"request\":\"\",\"timeout_ms\":-1,"
-            "\"flag\":0}}");
+TEST(ClientMessages, DeviceRequestIsPrintedAsCjsonPrintsIt) {
+  std::string every_byte;
+  for (int c = 1; c < 256; ++c) every_byte += static_cast<char>(c);
+  const struct {
+    std::string request;
+    int timeout_ms, flag, id;
+  } cases[] = {
+      {"hi \"there\"", 3000, -1, 7},
+      {"", -1, 0, 256},
+      {"tab\tnew\nline\\back\bform\fret\r", INT_MAX, INT_MIN, 1},
+      {"\x01\x1f\x7f \xc3\xa9 \xe2\x82\xac", 0, 5, 2},
+      {every_byte, 100, 1, 3},
+  };
+  for (const auto &c : cases) {
+    EXPECT_EQ(closed(vemo::device_request_text(c.request.c_str(), c.timeout_ms, c.flag), c.id),
+              printed_by_cjson(c.request.c_str(), c.timeout_ms, c.flag, c.id))
+        << "request of " << c.request.size() << " bytes";
+  }
 }
 
-TEST(ClientMessages, RegisterAnnouncesHello) {
-  EXPECT_EQ(printed(vemo::build_register(true)),
-            "{\"inner_method\":\"register_callback\",\"inner_params\":{\"hello_cloud\":1}}");
-  EXPECT_EQ(printed(vemo::build_register(false)),
-            "{\"inner_method\":\"register_callback\",\"inner_params\":{\"hello_cloud\":0}}");
-}
-
-TEST(ClientMessages, MethodOnlyMessagesHaveNoParams) {
-  JsonPtr message = vemo::build_method_only("reconnect_cloud");
-  ASSERT_TRUE(vemo::add_message_id(message.get(), 8));
-  EXPECT_EQ(printed(message), "{\"inner_method\":\"reconnect_cloud\",\"inner_id\":8}");
-}
-
-TEST(ClientMessages, ReplyEchoesOnlyPositiveIds) {
-  EXPECT_EQ(printed(vemo::build_reply("ok", 31)),
-            "{\"inner_error_code\":0,\"inner_result\":{\"response\":\"ok\"},\"inner_id\":31}");
-  EXPECT_EQ(printed(vemo::build_reply("ok", 0)),
-            "{\"inner_error_code\":0,\"inner_result\":{\"response\":\"ok\"}}");
-  EXPECT_EQ(printed(vemo::build_reply("ok", -1)),
-            "{\"inner_error_code\":0,\"inner_result\":{\"response\":\"ok\"}}");
+TEST(ClientMessages, ControlMessagesAndRepliesKeepTheirKeyOrder) {
+  const struct {
+    std::string got, want;
+  } cases[] = {
+      {closed(vemo::register_text(true), 9),
+       R"({"inner_method":"register_callback","inner_params":{"hello_cloud":1},"inner_id":9})"},
+      {closed(vemo::register_text(false), 9),
+       R"({"inner_method":"register_callback","inner_params":{"hello_cloud":0},"inner_id":9})"},
+      {closed(vemo::method_only_text("reconnect_cloud"), 8),
+       R"({"inner_method":"reconnect_cloud","inner_id":8})"},
+      {vemo::reply_text("ok", 31).c_str(),
+       R"({"inner_error_code":0,"inner_result":{"response":"ok"},"inner_id":31})"},
+      // A reply to a hello request (or to an id that is not positive) carries no id.
+      {vemo::reply_text("o\"k", 0).c_str(), R"({"inner_error_code":0,"inner_result":{"response":"o\"k"}})"},
+      {vemo::reply_text("ok", -1).c_str(), R"({"inner_error_code":0,"inner_result":{"response":"ok"}})"},
+  };
+  for (const auto &c : cases) EXPECT_EQ(c.got, c.want);
 }
 
 TEST(ClientMessages, KeysAreFoundWithoutRegardToCaseFirstMatchWins) {
@@ -64,10 +82,9 @@ TEST(ClientMessages, KeysAreFoundWithoutRegardToCaseFirstMatchWins) {
 TEST(ClientMessages, TextThatIsNotAStringCountsAsMissing) {
   JsonPtr root(cJSON_Parse("{\"request\":5,\"response\":null,\"other\":{\"x\":1},\"ok\":\"t\"}"));
   ASSERT_TRUE(root);
-  EXPECT_EQ(vemo::json_text(root.get(), "request"), nullptr);
-  EXPECT_EQ(vemo::json_text(root.get(), "response"), nullptr);
-  EXPECT_EQ(vemo::json_text(root.get(), "other"), nullptr);
-  EXPECT_EQ(vemo::json_text(root.get(), "absent"), nullptr);
+  for (const char *name : {"request", "response", "other", "absent"}) {
+    EXPECT_EQ(vemo::json_text(root.get(), name), nullptr) << name;
+  }
   EXPECT_STREQ(vemo::json_text(root.get(), "ok"), "t");
   int value = 1;
   EXPECT_FALSE(vemo::json_int(root.get(), "absent", &value));
