@@ -13,6 +13,7 @@
 
 #include <vemo/codes.h>
 #include <vemo/export.h>
+#include <vemo/vemo.h>
 
 VEMO_BEGIN_DECLS
 
@@ -22,6 +23,44 @@ VEMO_BEGIN_DECLS
  * the default. VEMO_ERR_INVALID_ARG for an empty path or one longer than 107 bytes (the
  * path stays as it was). */
 VEMO_API int vemo_set_socket_path(const char *path);
+
+/* ---- Connection events --------------------------------------------------------------------
+ * What happens to the connection, told to the application: a listen-only application learns
+ * that its registration went away (and that it came back). The callback runs on one of the
+ * library's handler threads, never under a lock of the library, and may call any vemo_
+ * function. Events are told in the order they happen. */
+typedef enum vemo_event {
+  VEMO_EVENT_CONNECTED = 1,     /* a connection to the daemon is up; code 0 */
+  VEMO_EVENT_LOST = 2,          /* the connection failed; code: what failed (e.g. -1102) */
+  VEMO_EVENT_TORN_DOWN = 3,     /* the daemon ordered a teardown: the handlers are forgotten */
+  VEMO_EVENT_REREGISTERED = 4   /* after a reconnection the handlers are registered again */
+} vemo_event_t;
+
+typedef void (*vemo_event_cb)(int event, int code, void *user);
+
+/* Installs the event callback (NULL removes it) with its user pointer. An event being told
+ * while the callback is replaced may still reach the previous pair. */
+VEMO_API int vemo_set_event_callback(vemo_event_cb callback, void *user);
+
+/* ---- Handlers with a user pointer ----------------------------------------------------------
+ * The same as the handlers of <vemo/vemo.h>, with the pointer given at registration passed to
+ * every call, so application state need not live in globals. Registering either kind replaces
+ * the other. */
+typedef void (*vemo_cloud_request_ex_cb)(const char *request, char **response, void *user);
+typedef struct vemo_hello_cloud_ex_cb {
+  void (*on_hello_request)(char **response, void *user);
+  void (*on_hello_response)(const char *response, void *user);
+} vemo_hello_cloud_ex_cb_t;
+
+VEMO_API int vemo_register_callback_ex(vemo_cloud_request_ex_cb callback,
+                                       const vemo_hello_cloud_ex_cb_t *hello, void *user);
+
+/* ---- Ending the client on purpose ----------------------------------------------------------
+ * Waits up to timeout_ms for running handlers and the answers they are sending, withdraws the
+ * registration if there is one, and closes the connection. Later calls connect again, as after
+ * any teardown. 0, or VEMO_ERR_TIMEOUT when handlers were still running at the deadline (the
+ * client is closed all the same). */
+VEMO_API int vemo_shutdown(int timeout_ms);
 
 VEMO_END_DECLS
 

@@ -30,9 +30,7 @@ void set_state(cloud_client_t &c, ClientState state) REQUIRES(c.lock) {
 }
 
 void forget_handlers(cloud_client_t &c) REQUIRES(c.lock) {
-  free(c.hello_cb);
-  c.hello_cb = nullptr;
-  c.request_cb = nullptr;
+  c.handlers = HandlerSet();
   c.handlers_epoch += 1;
 }
 
@@ -64,16 +62,10 @@ cloud_client_t &client() {
   return *reinterpret_cast<cloud_client_t *>(g_client_storage);
 }
 
-ClientHandlers client_handlers() {
+HandlerSet client_handlers() {
   cloud_client_t &c = client();
-  ClientHandlers h;
   MutexLock hold(c.lock);
-  h.request_cb = c.request_cb;
-  if (c.hello_cb != nullptr) {
-    h.hello = *c.hello_cb;
-    h.has_hello = true;
-  }
-  return h;
+  return c.handlers;
 }
 
 int client_acquire(const Deadline &deadline, uint32_t *generation) {
@@ -153,6 +145,7 @@ void client_teardown_ordered() {
   if (!begin_teardown(c, nullptr)) return;
   client_destroy(Teardown::kOrdered);
   end_teardown(c);
+  client_tell(VEMO_EVENT_TORN_DOWN, VEMO_ERR_DISCONNECTED);
 }
 
 bool client_tear_down_lost(uint32_t generation) {
@@ -163,15 +156,8 @@ bool client_tear_down_lost(uint32_t generation) {
   return true;
 }
 
-void client_exit_hook() {
+void client_close() {
   cloud_client_t &c = client();
-  c.exiting.store(true, std::memory_order_release);
-  {
-    MutexLock hold(c.lock);
-    c.wake_tasks.broadcast();  // a reconnection pausing between attempts gives up
-  }
-  // Answers that handlers are still sending get out before the connection goes, within a bound.
-  handler_pool().wait_idle(kExitHandlerWaitMs);
   bool own = false;
   {
     MutexLock hold(c.lock);
@@ -183,9 +169,21 @@ void client_exit_hook() {
       own = true;
     }
   }
-  if (!own) return;  // a teardown runs on the very task that called exit
+  if (!own) return;  // a teardown runs on the very task that called this
   client_destroy(Teardown::kExit);
   end_teardown(c);
+}
+
+void client_exit_hook() {
+  cloud_client_t &c = client();
+  c.exiting.store(true, std::memory_order_release);
+  {
+    MutexLock hold(c.lock);
+    c.wake_tasks.broadcast();  // a reconnection pausing between attempts gives up
+  }
+  // Answers that handlers are still sending get out before the connection goes, within a bound.
+  handler_pool().wait_idle(kExitHandlerWaitMs);
+  client_close();
 }
 
 void client_clear_callback() {
@@ -200,38 +198,16 @@ void client_clear_callback_of(uint32_t epoch) {
   if (c.handlers_epoch == epoch) forget_handlers(c);
 }
 
-namespace {
-// Installs a copy of the handlers (lock held). False when the copy cannot be allocated; nothing
-// is installed then.
-bool install_handlers(cloud_client_t &c, vemo_cloud_request_cb callback,
-                      const vemo_hello_cloud_cb_t *hello) REQUIRES(c.lock) {
-  forget_handlers(c);
-  if (hello != nullptr) {
-    c.hello_cb = static_cast<vemo_hello_cloud_cb_t *>(malloc(sizeof(vemo_hello_cloud_cb_t)));
-    if (c.hello_cb == nullptr) return false;
-    *c.hello_cb = *hello;
-  }
-  c.request_cb = callback;
-  return true;
-}
-}  // namespace
-
-int client_set_callback(vemo_cloud_request_cb callback, const vemo_hello_cloud_cb_t *hello,
-                        uint32_t *epoch) {
+int client_set_callback(const HandlerSet &handlers, uint32_t *epoch) {
   cloud_client_t &c = client();
-  {
-    MutexLock hold(c.lock);
-    if (install_handlers(c, callback, hello)) {
-      *epoch = c.handlers_epoch;
-      return 0;
-    }
-  }
-  LOG_PRINT("ERROR", "fail to malloc, size=%d", (int)sizeof(vemo_hello_cloud_cb_t));
-  return VEMO_ERR_NO_RESOURCE;
+  MutexLock hold(c.lock);
+  forget_handlers(c);
+  c.handlers = handlers;
+  *epoch = c.handlers_epoch;
+  return 0;
 }
 
-bool client_confirm_callback(uint32_t epoch, uint32_t generation, vemo_cloud_request_cb callback,
-                             const vemo_hello_cloud_cb_t *hello) {
+bool client_confirm_callback(uint32_t epoch, uint32_t generation, const HandlerSet &handlers) {
   cloud_client_t &c = client();
   MutexLock hold(c.lock);
   if (c.handlers_epoch == epoch) return true;
@@ -244,7 +220,9 @@ bool client_confirm_callback(uint32_t epoch, uint32_t generation, vemo_cloud_req
       c.state != ClientState::kRunning) {
     return false;
   }
-  return install_handlers(c, callback, hello);
+  c.handlers = handlers;
+  c.handlers_epoch += 1;
+  return true;
 }
 
 }  // namespace vemo

@@ -29,10 +29,22 @@
 #include "vemo/response.h"
 #include "vemo/task_pool.h"
 #include "vemo/vemo.h"
+#include "vemo/vemo_ext.h"
 
 namespace vemo {
 
 enum class ClientState { kIdle, kStarting, kRunning, kStopping };
+
+// The application's handlers: the classic ones or those with a user pointer (an extension).
+struct HandlerSet {
+  vemo_cloud_request_cb request_cb = nullptr;
+  vemo_cloud_request_ex_cb request_ex = nullptr;
+  vemo_hello_cloud_cb_t hello = {nullptr, nullptr};
+  vemo_hello_cloud_ex_cb_t hello_ex = {nullptr, nullptr};
+  bool has_hello = false;
+  void *user = nullptr;
+  bool registered() const { return request_cb != nullptr || request_ex != nullptr; }
+};
 
 // Why a teardown runs: it decides whether the handlers stay.
 enum class Teardown { kOrdered, kLost, kExit, kFailedStart };
@@ -55,8 +67,10 @@ struct cloud_client_t {
   response_list_t *response_list = nullptr;
 
   Mutex lock;
-  vemo_cloud_request_cb request_cb GUARDED_BY(lock) = nullptr;
-  vemo_hello_cloud_cb_t *hello_cb GUARDED_BY(lock) = nullptr;  // the context's own copy
+  // The context's own copy of the application's handlers (the pair included, by value).
+  HandlerSet handlers GUARDED_BY(lock);
+  vemo_event_cb event_cb GUARDED_BY(lock) = nullptr;
+  void *event_user GUARDED_BY(lock) = nullptr;
   // Moves on whenever the handlers are set or cleared; wiped_epoch is the epoch a teardown
   // ordered by the daemon found (so a registration racing with it can tell what happened).
   uint32_t handlers_epoch GUARDED_BY(lock) = 0;
@@ -71,14 +85,12 @@ struct cloud_client_t {
 // runs its exit handlers and static destructors.
 cloud_client_t &client();
 
-// The handlers as one consistent snapshot, taken under the lock so that they are never read
-// while being freed. The caller then calls them with no lock held.
-struct ClientHandlers {
-  vemo_cloud_request_cb request_cb = nullptr;
-  vemo_hello_cloud_cb_t hello = {nullptr, nullptr};
-  bool has_hello = false;
-};
-ClientHandlers client_handlers();
+// The handlers as one consistent snapshot, taken under the lock. The caller then calls them with
+// no lock held.
+HandlerSet client_handlers();
+
+// Tells the application's event callback, if any, of event on a handler thread.
+void client_tell(int event, int code);
 
 // Registers the calling thread as a user of a running client, waiting within deadline while it
 // starts. 0, VEMO_ERR_DISCONNECTED when the client is not running, VEMO_ERR_TIMEOUT when the
@@ -120,16 +132,16 @@ void client_connection_lost(uint32_t generation, int code);
 bool client_tear_down_lost(uint32_t generation);
 
 void client_exit_hook();
+// Tears the client down on purpose (exit, vemo_shutdown): the handlers are forgotten.
+void client_close();
 void client_clear_callback();
 
 // Installs the handlers (replacing any); the epoch they were installed at, or
 // VEMO_ERR_NO_RESOURCE (nothing installed).
-int client_set_callback(vemo_cloud_request_cb callback, const vemo_hello_cloud_cb_t *hello,
-                        uint32_t *epoch);
+int client_set_callback(const HandlerSet &handlers, uint32_t *epoch);
 // After the daemon acknowledged the registration of epoch on start-up generation: true when the
 // handlers are in place (put back if a teardown ordered before that start-up wiped them).
-bool client_confirm_callback(uint32_t epoch, uint32_t generation, vemo_cloud_request_cb callback,
-                             const vemo_hello_cloud_cb_t *hello);
+bool client_confirm_callback(uint32_t epoch, uint32_t generation, const HandlerSet &handlers);
 // Clears the handlers when they are still those of epoch.
 void client_clear_callback_of(uint32_t epoch);
 

@@ -69,20 +69,35 @@ int run_handler(HandlerKind kind, Connection *conn, int id, const char *text,
     callback(id, text);
     return 0;
   }
-  ClientHandlers handlers = client_handlers();
+  HandlerSet h = client_handlers();
   char *answer = nullptr;
   switch (kind) {
     case HandlerKind::kCloudRequest:
-      if (handlers.request_cb == nullptr) break;
-      handlers.request_cb(text, &answer);
+      if (h.request_ex != nullptr) {
+        h.request_ex(text, &answer, h.user);
+      } else if (h.request_cb != nullptr) {
+        h.request_cb(text, &answer);
+      } else {
+        break;
+      }
       return answer_request(conn, answer, id);
     case HandlerKind::kHelloRequest:
-      if (handlers.hello.on_hello_request == nullptr) break;
-      handlers.hello.on_hello_request(&answer);
+      if (h.hello_ex.on_hello_request != nullptr) {
+        h.hello_ex.on_hello_request(&answer, h.user);
+      } else if (h.hello.on_hello_request != nullptr) {
+        h.hello.on_hello_request(&answer);
+      } else {
+        break;
+      }
       return answer_request(conn, answer, -1);
     case HandlerKind::kHelloResponse:
-      if (handlers.hello.on_hello_response == nullptr) break;
-      handlers.hello.on_hello_response(text);
+      if (h.hello_ex.on_hello_response != nullptr) {
+        h.hello_ex.on_hello_response(text, h.user);
+      } else if (h.hello.on_hello_response != nullptr) {
+        h.hello.on_hello_response(text);
+      } else {
+        break;
+      }
       return 0;
     case HandlerKind::kResponse:
       break;

@@ -55,14 +55,15 @@ void reconnect_in_background() {
       MutexLock hold(c.lock);
       if (!c.exiting.load(std::memory_order_acquire)) c.wake_tasks.wait_for_ms(c.lock, pause_ms);
     }
-    ClientHandlers handlers = client_handlers();
-    if (handlers.request_cb == nullptr || c.exiting.load(std::memory_order_acquire)) return;
+    HandlerSet handlers = client_handlers();
+    if (!handlers.registered() || c.exiting.load(std::memory_order_acquire)) return;
     LOG_PRINT("INFO", "connect to the server again, attempt=%d", attempt);
     uint32_t generation = 0;
     int rc = client_announce(handlers.has_hello, Deadline::after_ms(kAnnounceTimeoutMs, get_tick_count()),
                              &generation);
     if (rc == 0) {
       LOG_PRINT("INFO", "the callback is registered again, attempt=%d", attempt);
+      client_tell(VEMO_EVENT_REREGISTERED, 0);
       return;
     }
     pause_ms = std::min(pause_ms * 2, kReconnectMaxPauseMs);
@@ -114,6 +115,7 @@ void client_connection_lost(uint32_t generation, int code) {
   // dead socket until the process exited; this one recovers.
   LOG_PRINT("WARN", "the connection to the server is lost, error=%d", code);
   if (!client_tear_down_lost(generation)) return;
+  client_tell(VEMO_EVENT_LOST, code);
   reconnect_in_background();
 }
 

@@ -188,6 +188,7 @@ int client_init(const Deadline &deadline) {
     }
     LOG_PRINT("DEBUG", "end to initialize the client...");
   }
+  if (rc == 0) client_tell(VEMO_EVENT_CONNECTED, 0);
   t_starting = false;
   MutexLock hold(c.lock);
   c.state = rc == 0 ? ClientState::kRunning : ClientState::kIdle;
