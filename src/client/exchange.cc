@@ -7,6 +7,13 @@
 #include "vemo/util.h"
 
 namespace vemo {
+namespace {
+
+// A call with a timeout of 0 or less still sends its message (it only does not wait for the
+// answer): its send may take this long for the socket to have room.
+constexpr int kSendOnlySlackMs = 100;
+
+}  // namespace
 
 int send_with_recv(MessageText &message, const Deadline &deadline, Exchange *exchange) {
   cloud_client_t &c = client();
@@ -34,7 +41,9 @@ int send_with_recv(MessageText &message, const Deadline &deadline, Exchange *exc
     return id;
   }
   message.close_with_id(id);
-  int rc = message.ok() ? c.conn->send(message.c_str(), deadline) : VEMO_ERR_NO_RESOURCE;
+  const Deadline send_deadline =
+      deadline.timeout_ms > 0 ? deadline : Deadline::after_ms(kSendOnlySlackMs, get_tick_count());
+  int rc = message.ok() ? c.conn->send(message.c_str(), send_deadline) : VEMO_ERR_NO_RESOURCE;
   if (rc != 0) {
     LOG_PRINT("ERROR", "fail to send the request, error=%d", rc);
     msg_id_put_to_idle(c.msg_id_pool, id);
