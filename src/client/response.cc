@@ -190,12 +190,14 @@ void sweep(response_list_t *list, Sweep what, int32_t pending_grace_ms) {
       // The due ticks of each heap are in order: the sweep stops at the first that is not due.
       ResponseEntry *entry;
       while ((entry = index.first_due(true)) != nullptr && tick_elapsed(now, entry->due) >= 0) {
+        if (index.postpone(entry)) continue;
         take_out(list, entry);
         entry->older = removed;
         removed = entry;
       }
       while (what == Sweep::kAllDue && (entry = index.first_due(false)) != nullptr &&
              tick_elapsed(now, entry->due) >= pending_grace_ms) {
+        if (index.postpone(entry)) continue;
         take_out(list, entry);
         entry->older = removed;
         removed = entry;

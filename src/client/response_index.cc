@@ -11,14 +11,17 @@ namespace {
 constexpr int kPending = 0;
 constexpr int kArrived = 1;
 
-// The tick at which the time of an entry counted from base runs out. A negative timeout runs
-// out at once, as "elapsed >= timeout_ms" holds for it at the first look.
-uint32_t due_after(uint32_t base, int32_t timeout_ms) {
-  return base + static_cast<uint32_t>(timeout_ms > 0 ? timeout_ms : 0);
+// Schedules the time of entry counted from base: its first leg ends at due. A negative timeout
+// runs out at once, as "elapsed >= timeout_ms" holds for it at the first look.
+void schedule(ResponseEntry *entry, uint32_t base) {
+  uint32_t timeout = static_cast<uint32_t>(entry->timeout_ms > 0 ? entry->timeout_ms : 0);
+  uint32_t leg = timeout < ResponseIndex::kLegMs ? timeout : ResponseIndex::kLegMs;
+  entry->due = base + leg;
+  entry->due_later_ms = timeout - leg;
 }
 
-// Wrap-safe order of due ticks: every due tick in the index lies within 2^31 ms of every other
-// (a timeout is at most INT32_MAX and the sweep removes what is due every 50 ms).
+// Wrap-safe order of due ticks: every due tick in the index lies within 2^31 ms of every other,
+// as no leg is longer than kLegMs and the sweep removes what is due every 50 ms.
 bool due_before(const ResponseEntry *a, const ResponseEntry *b) {
   return tick_elapsed(a->due, b->due) < 0;
 }
@@ -95,10 +98,19 @@ ResponseEntry *ResponseIndex::first_due(bool arrived) const {
   return heap.size > 0 ? heap.slots[0] : nullptr;
 }
 
+bool ResponseIndex::postpone(ResponseEntry *entry) {
+  if (entry->due_later_ms == 0) return false;
+  uint32_t leg = entry->due_later_ms < kLegMs ? entry->due_later_ms : kLegMs;
+  entry->due += leg;
+  entry->due_later_ms -= leg;
+  sift_down(heap_of(entry), entry->heap_slot);
+  return true;
+}
+
 void ResponseIndex::insert(ResponseEntry *entry) {
   entry->seq = next_seq_++;
   entry->arrived = false;
-  entry->due = due_after(entry->added_tick, entry->timeout_ms);
+  schedule(entry, entry->added_tick);
   entry->newer = nullptr;
   entry->older = newest_;
   if (newest_ != nullptr) newest_->newer = entry;
@@ -114,7 +126,7 @@ void ResponseIndex::arrive(ResponseEntry *entry, uint32_t now) {
   heap_erase(heap_of(entry), entry);
   entry->arrived = true;
   entry->recv_tick = now;
-  entry->due = due_after(now, entry->timeout_ms);
+  schedule(entry, now);
   heap_push(heaps_[kArrived], entry);
 }
 

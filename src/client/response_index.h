@@ -33,6 +33,7 @@ struct ResponseEntry {
   // Owned by the index.
   uint32_t seq;  // order of adding, for the newest-first order of a batch removal
   uint32_t due;  // the tick at which its time runs out: from added_tick, then from recv_tick
+  uint32_t due_later_ms;  // of a long timeout, the part beyond due (see ResponseIndex::kLegMs)
   int32_t heap_slot;
   ResponseEntry *newer;
   ResponseEntry *older;  // after removal, free for chaining removed entries
@@ -43,6 +44,11 @@ class ResponseIndex {
  public:
   // The index never holds fewer slots than this, so a quiet list needs no resizing.
   static constexpr int32_t kMinCapacity = 16;
+  // Due ticks are ordered by their signed 32-bit difference, which is right only while all of
+  // them lie within 2^31 ms of each other. Entries that are overdue (the sweep runs every 50 ms)
+  // sit just behind now, so a timeout beyond this leg (12.4 days; INT32_MAX is 24.8) is run
+  // out in legs of at most this length.
+  static constexpr uint32_t kLegMs = 1u << 30;
   // Bytes of the storage block for capacity entries; 0 when that is more than memory can hold.
   static size_t block_bytes(int32_t capacity);
 
@@ -63,6 +69,9 @@ class ResponseIndex {
   ResponseEntry *newest() const { return newest_; }
   // The entry whose time runs out first among the arrived (or the pending) ones; null if none.
   ResponseEntry *first_due(bool arrived) const;
+  // For an entry that first_due returned and whose due tick has passed: true when that was
+  // only a leg of a long timeout, and the entry is now due at the end of its next leg.
+  bool postpone(ResponseEntry *entry);
 
   // Indexes entry as the newest, pending, due timeout_ms after added_tick. Requires !full().
   void insert(ResponseEntry *entry);

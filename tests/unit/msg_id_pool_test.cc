@@ -51,13 +51,6 @@ class MsgIdPool : public ::testing::Test {
     vemo::msg_id_release(pool_, id);
     return id;
   }
-  // A take on a thread of its own, once it is asleep in the pool.
-  std::thread blocked_take(std::atomic<int> *got, vemo::Deadline deadline = kLong) {
-    int32_t before = vemo::msg_id_pool_waiting_takers(pool_);
-    std::thread t([=] { got->store(vemo::msg_id_take(pool_, &kFresh, nullptr, deadline)); });
-    EXPECT_TRUE(eventually([&] { return vemo::msg_id_pool_waiting_takers(pool_) == before + 1; }));
-    return t;
-  }
   msg_id_pool_t *pool_ = nullptr;
 };
 
@@ -108,57 +101,68 @@ TEST_F(MsgIdPool, CreationDestructionAndBadArgumentsLogAsTheExportedOperations) 
 TEST_F(MsgIdPool, IdsRotateSkippingThoseInUseAndTheRecordIsThePoolsOwnCopy) {
   struct Case {
     int size;
-    std::vector<int> steps;  // n > 0: a take must return n; n < 0: return id -n
+    std::vector<int> steps;  // n > 0: a take returns n; n < 0: id -n is returned; 0: pool full
   } cases[] = {
       {256, {1, 2, 3, -2, 4, 5}},
-      {4, {1, 2, 3, -2, 4, 2}},  // wrapped past 1, still held
-      {3, {1, 2, 3, -3, -1, 1, 3}},
+      {4, {1, 2, 3, -2, 4, 2}},        // wrapped past 1, still held
+      {3, {1, 2, 3, -3, -1, 1, 3}},    // after the last id, the lowest free one
+      {2, {1, 2, -2, -2, 2, 0}},       // an idle id returned twice counts once
   };
   for (const Case &c : cases) {
     make(c.size);
     for (int step : c.steps) {
       if (step < 0) msg_id_put_to_idle(pool_, -step);
       if (step > 0) EXPECT_EQ(msg_id_get_from_idle(pool_, &kFresh), step) << c.size;
+      if (step == 0) EXPECT_EQ(vemo::msg_id_take(pool_, &kFresh, nullptr, vemo::Deadline{0, 0}), VEMO_ERR_TIMEOUT);
     }
     msg_id_pool_destroy(pool_);  // frees the records still held (ASan's leak check)
   }
-  make(256, 256);
-  msg_id_put_to_idle(pool_, 10);
-  msg_id_put_to_idle(pool_, 7);
-  EXPECT_EQ(msg_id_get_from_idle(pool_, &kFresh), 7);
+  make(4);
   msg_data_t mine = {VEMO_ERR_NOT_ARRIVED};
-  msg_id_put_to_idle(pool_, 7);
-  ASSERT_EQ(msg_id_get_from_idle(pool_, &mine), 10);
+  ASSERT_EQ(msg_id_get_from_idle(pool_, &mine), 1);
   mine.result = 99;
-  EXPECT_EQ(msg_id_pool_get_data(pool_, 10)->result, VEMO_ERR_NOT_ARRIVED);
+  EXPECT_EQ(msg_id_pool_get_data(pool_, 1)->result, VEMO_ERR_NOT_ARRIVED);
 }
 
-TEST_F(MsgIdPool, AFullPoolBlocksTakersUntilAnIdIsReturnedAndHandsThemThatId) {
-  make(2, 2);
-  msg_id_put_to_idle(pool_, 2);
-  msg_id_put_to_idle(pool_, 2);  // an idle id returned twice counts once
-  ASSERT_EQ(msg_id_get_from_idle(pool_, &kFresh), 2);
-  std::atomic<int> a{0}, b{0};
-  std::thread ta = blocked_take(&a);
-  std::thread tb([&] { b.store(msg_id_get_from_idle(pool_, &kFresh)); });  // the exported take
-  ASSERT_TRUE(eventually([&] { return vemo::msg_id_pool_waiting_takers(pool_) == 2; }));
-  msg_id_put_to_idle(pool_, 1);
-  ASSERT_TRUE(eventually([&] { return a.load() + b.load() == 1; }));
-  vemo::msg_id_release(pool_, 2);
-  ta.join();
-  tb.join();
-  EXPECT_EQ(a.load() + b.load(), 3);
-}
-
-TEST_F(MsgIdPool, TakeGivesUpAtItsDeadlineButTakesAFreeIdEvenPastIt) {
-  make(2, 2);
-  std::atomic<int> got{0};
-  std::thread t = blocked_take(&got, vemo::Deadline{1000, 100});
-  g_now.store(1099);
-  EXPECT_EQ(got.load(), 0);
-  g_now.store(1100);
-  t.join();
-  EXPECT_EQ(got.load(), VEMO_ERR_TIMEOUT);
+TEST_F(MsgIdPool, ABlockedTakerGetsTheIdThatComesFirstOrGivesUpAtItsDeadline) {
+  // A pool of 2 with id 1 held and id 2 held or quarantined (given up at 1000). A taker, started
+  // at tick `start` with a deadline of deadline_ms, sleeps until `end` happens.
+  struct Case {
+    bool quarantine, exported;
+    uint32_t start;
+    int32_t deadline_ms;
+    std::function<void()> end;
+    int expected;
+  } cases[] = {
+      {false, true, 1000, 0, [&] { msg_id_put_to_idle(pool_, 2); }, 2},
+      {false, false, 1000, 60000, [&] { vemo::msg_id_release(pool_, 1); }, 1},
+      {false, false, 1000, 100, [&] { g_now.store(1099); EXPECT_EQ(vemo::msg_id_pool_waiting_takers(pool_), 1);
+                                      g_now.store(1100); }, VEMO_ERR_TIMEOUT},
+      {true, false, 1000, 60000, [&] { EXPECT_EQ(vemo::msg_id_deliver(pool_, 2, 1), VEMO_ERR_NOT_FOUND); }, 2},
+      // Nobody signals the end of a quarantine: the taker's own wait must end there.
+      {true, false, 1000 + vemo::kIdQuarantineMs - 5, 30000, [&] { g_now.store(1000 + vemo::kIdQuarantineMs); }, 2},
+      {true, true, 1000, 0, [&] { vemo::msg_id_pool_close(pool_); }, VEMO_ERR_DISCONNECTED},
+  };
+  for (const Case &c : cases) {
+    g_now.store(1000);
+    make(2, 1);
+    if (c.quarantine) give_up(0);
+    else msg_id_get_from_idle(pool_, &kFresh);
+    g_now.store(c.start);
+    std::atomic<int> got{0};
+    std::thread taker([&] {
+      got.store(c.exported ? msg_id_get_from_idle(pool_, &kFresh)
+                           : vemo::msg_id_take(pool_, &kFresh, nullptr, vemo::Deadline{c.start, c.deadline_ms}));
+    });
+    ASSERT_TRUE(eventually([&] { return vemo::msg_id_pool_waiting_takers(pool_) == 1; }));
+    c.end();
+    EXPECT_TRUE(eventually([&] { return got.load() != 0; }));
+    taker.join();
+    EXPECT_EQ(got.load(), c.expected) << c.start << " " << c.deadline_ms;
+    msg_id_pool_destroy(pool_);
+  }
+  pool_ = nullptr;
+  make(1, 1);  // past its deadline, a take still takes a free id: the look comes first
   msg_id_put_to_idle(pool_, 1);
   EXPECT_EQ(vemo::msg_id_take(pool_, &kFresh, nullptr, vemo::Deadline{0, 0}), 1);
 }
@@ -201,45 +205,33 @@ TEST_F(MsgIdPool, AGivenUpIdIsQuarantinedUntilItsLateAnswerOrTheQuarantineTime) 
   EXPECT_EQ(vemo::msg_id_take(pool_, &kFresh, nullptr, vemo::Deadline{g_now.load(), 0}), timed);
 }
 
-TEST_F(MsgIdPool, ATakerBlockedOnQuarantinesWakesWhenTheFirstEndsOrALateAnswerComes) {
-  make(3);
-  give_up(0);  // id 1, quarantined at 1000
-  g_now.store(1500);
-  give_up(5);  // id 2, quarantined at 1500
-  give_up(0);  // id 3
-  std::atomic<int> first{0}, second{0};
-  g_now.store(1000 + vemo::kIdQuarantineMs - 5);
-  std::thread t1 = blocked_take(&first, vemo::Deadline{g_now.load(), 30000});
-  g_now.store(1000 + vemo::kIdQuarantineMs);  // no one signals: the taker's wait must end here
-  EXPECT_TRUE(eventually([&] { return first.load() != 0; }));
-  t1.join();
-  EXPECT_EQ(first.load(), 1);
-  std::thread t2 = blocked_take(&second);
-  EXPECT_EQ(vemo::msg_id_deliver(pool_, 3, 1), VEMO_ERR_NOT_FOUND);
-  t2.join();
-  EXPECT_EQ(second.load(), 3);
-}
-
-TEST_F(MsgIdPool, TheHolderGetsItsAnswerOrTimesOutOnThePoolsClock) {
-  make(4, 2);
+TEST_F(MsgIdPool, AHolderWaitsForItsAnswerUntilItsTimeoutOrAClose) {
+  make(4, 1);
   ASSERT_EQ(vemo::msg_id_deliver(pool_, 1, -5), VEMO_OK);
   int status = 9;
   EXPECT_EQ(vemo::msg_id_wait_result(pool_, 1, g_now.load(), 0, &status), VEMO_ERR_TIMEOUT);  // not looked at
   EXPECT_EQ(status, 0);
   EXPECT_EQ(vemo::msg_id_wait_result(pool_, 1, g_now.load(), 1000, &status), -5);  // already there
   EXPECT_EQ(vemo::msg_id_wait_result(pool_, 3, g_now.load(), 1000, nullptr), VEMO_ERR_NO_ANSWER);
-  std::atomic<int> got{0};
-  std::thread holder([&] { got.store(vemo::msg_id_wait_result(pool_, 2, 1000, 100, nullptr)); });
-  ASSERT_TRUE(eventually([&] { return vemo::msg_id_pool_waiting_holders(pool_) == 1; }));
-  ASSERT_EQ(vemo::msg_id_deliver(pool_, 2, 42), VEMO_OK);
-  holder.join();
-  EXPECT_EQ(got.load(), 42);
-  int id = vemo::msg_id_take(pool_, &kFresh, nullptr, kLong);
-  std::thread late([&] { got.store(vemo::msg_id_wait_result(pool_, id, 1000, 100, nullptr)); });
-  ASSERT_TRUE(eventually([&] { return vemo::msg_id_pool_waiting_holders(pool_) == 1; }));
-  g_now.store(1100);
-  late.join();
-  EXPECT_EQ(got.load(), VEMO_ERR_TIMEOUT);
+  struct Case {
+    std::function<void(int id)> end;
+    int expected;
+  } cases[] = {
+      {[&](int id) { vemo::msg_id_deliver(pool_, id, 42); }, 42},
+      {[&](int) { g_now.store(g_now.load() + 100); }, VEMO_ERR_TIMEOUT},  // on the pool's clock
+      {[&](int) { vemo::msg_id_pool_close(pool_); }, VEMO_ERR_DISCONNECTED},
+  };
+  for (const Case &c : cases) {
+    int id = vemo::msg_id_take(pool_, &kFresh, nullptr, kLong);
+    std::atomic<int> got{0};
+    std::thread holder([&] { got.store(vemo::msg_id_wait_result(pool_, id, g_now.load(), 100, nullptr)); });
+    ASSERT_TRUE(eventually([&] { return vemo::msg_id_pool_waiting_holders(pool_) == 1; }));
+    c.end(id);
+    holder.join();
+    EXPECT_EQ(got.load(), c.expected);
+    EXPECT_NE(msg_id_pool_get_data(pool_, id), nullptr);  // held until its holder returns it
+  }
+  EXPECT_EQ(vemo::msg_id_take(pool_, &kFresh, nullptr, kLong), VEMO_ERR_DISCONNECTED);
 }
 
 struct HookProbe {
@@ -320,27 +312,6 @@ TEST_F(MsgIdPool, AReturnWaitsForARunningHookAndAnAnswerAfterGivingUpRunsNone) {
     EXPECT_EQ(vemo::msg_id_deliver(pool_, next, 43), VEMO_OK);
     EXPECT_EQ(probe.calls.load(), 1);
   }
-}
-
-TEST_F(MsgIdPool, CloseWakesHoldersAndTakersAndRefusesLaterTakes) {
-  make(2, 2);
-  std::atomic<int> holder_got{0}, taker_got{0}, exported_got{0};
-  std::thread holder([&] { holder_got.store(vemo::msg_id_wait_result(pool_, 1, g_now.load(), 60000, nullptr)); });
-  std::thread taker = blocked_take(&taker_got);
-  std::thread exported([&] { exported_got.store(msg_id_get_from_idle(pool_, &kFresh)); });
-  ASSERT_TRUE(eventually([&] {
-    return vemo::msg_id_pool_waiting_holders(pool_) == 1 && vemo::msg_id_pool_waiting_takers(pool_) == 2;
-  }));
-  vemo::msg_id_pool_close(pool_);
-  holder.join();
-  taker.join();
-  exported.join();
-  EXPECT_EQ(holder_got.load(), VEMO_ERR_DISCONNECTED);
-  EXPECT_EQ(taker_got.load(), VEMO_ERR_DISCONNECTED);
-  EXPECT_EQ(exported_got.load(), VEMO_ERR_DISCONNECTED);
-  EXPECT_NE(msg_id_pool_get_data(pool_, 1), nullptr);  // held until its holder returns it
-  vemo::msg_id_release(pool_, 1);
-  EXPECT_EQ(vemo::msg_id_take(pool_, &kFresh, nullptr, kLong), VEMO_ERR_DISCONNECTED);
 }
 
 TEST_F(MsgIdPool, ConcurrentHoldersNeverShareAnIdAndLateAnswersNeverReachAFreedRecord) {

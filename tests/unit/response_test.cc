@@ -100,25 +100,35 @@ TEST_F(ResponseList, BadArgumentsAreRefusedAndLoggedUnderTheOperationsName) {
   EXPECT_EQ(code, VEMO_OK);
 }
 
-TEST_F(ResponseList, AnEntryIsPendingThenArrivedThenCollectedOnceAsACopy) {
+TEST_F(ResponseList, AnEntryIsPendingThenArrivedThenCollectedOnceAsACopyOrRemoved) {
   vemo_test::LogCapture capture;
   int code = 0;
+  char *text = nullptr;
   collect(list_, 11, &code);
   EXPECT_EQ(code, VEMO_ERR_NOT_FOUND);
   enter(11, 1000, nullptr);
   collect(list_, 11, &code);
   EXPECT_EQ(code, VEMO_ERR_NOT_ARRIVED);
+  EXPECT_EQ(vemo::response_data_wait_response(list_, 11, g_now.load(), 0, &text), VEMO_ERR_TIMEOUT);
   char original[] = "{\"v\":1}";
-  ASSERT_EQ(response_data_set_response(list_, 11, original), VEMO_OK);
+  ASSERT_EQ(response_data_set_response(list_, 11, original), VEMO_OK);  // the entry stayed
   original[0] = 'X';  // the list keeps a copy of its own
   EXPECT_EQ(collect(list_, 11, &code), "{\"v\":1}");
-  EXPECT_EQ(code, VEMO_OK);
   collect(list_, 11, &code);
   EXPECT_EQ(code, VEMO_ERR_NOT_FOUND);
   EXPECT_EQ(response_data_set_response(list_, 12, "x"), VEMO_ERR_NOT_FOUND);
   EXPECT_EQ(capture.messages("", "ERROR"),
             (Messages{"can not find the message id, id=11", "can not find the message id, id=11",
                       "can not find the message id, id=12"}));
+  enter(13, 1000);  // an arrived response is collected by a wait with no time left
+  EXPECT_EQ(vemo::response_data_wait_response(list_, 13, g_now.load(), 0, &text), VEMO_OK);
+  free(text);
+  capture.clear();
+  enter(14, 1000, nullptr);
+  vemo::response_data_remove(list_, 14);
+  vemo::response_data_remove(list_, 14);  // gone: nothing to tell
+  EXPECT_EQ(capture.messages(), Messages{line_cleared(14)});
+  EXPECT_EQ(capture.messages("response_data_remove", "DEBUG").size(), 1u);
 }
 
 std::atomic<int> g_calls{0};
@@ -172,15 +182,16 @@ TEST_F(ResponseList, ArrivedResponsesExpireAtExactlyTheirTimeoutAlsoAcrossTheTic
 
 TEST_F(ResponseList, ClearRemovesDueEntriesNewestFirstAndNeverAPendingOne) {
   enter(1, 10);  // due first, but the oldest
+  g_now.store(1020);
+  enter(6, 0x7FFFFFFF);  // due 24.8 days after 1 was: it must not hold 1 up
   enter(2, 0, nullptr);
   enter(3, 200);  // due last
-  g_now.store(1020);
   enter(4, 100);
   vemo_test::LogCapture capture;
   g_now.store(1000000);
   response_data_clear(list_, 0);
   EXPECT_EQ(capture.messages("response_data_clear"),
-            (Messages{line_expired(4, 100, 998980), line_cleared(4), line_expired(3, 200, 999000),
+            (Messages{line_expired(4, 100, 998980), line_cleared(4), line_expired(3, 200, 998980),
                       line_cleared(3), line_expired(1, 10, 999000), line_cleared(1)}));
   int code = 0;
   collect(list_, 2, &code);
@@ -188,7 +199,7 @@ TEST_F(ResponseList, ClearRemovesDueEntriesNewestFirstAndNeverAPendingOne) {
   enter(5, 100);
   capture.clear();
   response_data_clear(list_, 1);  // everything, newest first, without expiry lines
-  EXPECT_EQ(capture.messages(), (Messages{line_cleared(5), line_cleared(2)}));
+  EXPECT_EQ(capture.messages(), (Messages{line_cleared(5), line_cleared(2), line_cleared(6)}));
 }
 
 TEST_F(ResponseList, ExpireAlsoEndsPendingEntriesAfterTheirTimeoutAndTheGrace) {
@@ -252,21 +263,6 @@ TEST_F(ResponseList, ExpiryFollowsAModelOfManyEntriesAndTheIndexShrinksAfterward
   EXPECT_EQ(vemo::response_list_capacity(list_), 16);
 }
 
-TEST_F(ResponseList, RemoveDropsTheEntryWakesItsWaiterAndIgnoresUnknownIds) {
-  enter(1, 1000, nullptr);
-  std::atomic<int> code{1};
-  std::string text;
-  std::thread w = waiter(1, 60000, &code, &text);
-  ASSERT_TRUE(eventually([&] { return vemo::response_list_waiters(list_) == 1; }));
-  vemo_test::LogCapture capture;
-  vemo::response_data_remove(list_, 1);
-  w.join();
-  EXPECT_EQ(code.load(), VEMO_ERR_NOT_FOUND);
-  vemo::response_data_remove(list_, 1);
-  EXPECT_EQ(capture.messages("response_data_remove", "DEBUG"), Messages{line_cleared(1)});
-  EXPECT_EQ(response_data_set_response(list_, 1, "late"), VEMO_ERR_NOT_FOUND);
-}
-
 response_list_t *g_list = nullptr;
 std::atomic<int> g_own_code{1};
 void collecting_cb(int id, const char *) {
@@ -281,63 +277,52 @@ TEST_F(ResponseList, CallbackRunsUnlockedAndMayCollectItsOwnResponse) {
   EXPECT_EQ(g_own_code.load(), VEMO_OK);
 }
 
-TEST_F(ResponseList, WaitIsWokenByItsOwnResponseOnlyAndTimesOutOnTheListsClock) {
-  enter(1, 1000, nullptr);
-  enter(2, 1000, nullptr);
-  std::atomic<int> code1{1}, code2{1};
-  std::string text1, text2;
-  std::thread w1 = waiter(1, 60000, &code1, &text1);
-  std::thread w2 = waiter(2, 50, &code2, &text2);
-  ASSERT_TRUE(eventually([&] { return vemo::response_list_waiters(list_) == 2; }));
-  ASSERT_EQ(response_data_set_response(list_, 1, "one"), VEMO_OK);
-  w1.join();
-  EXPECT_EQ(code1.load(), VEMO_OK);
-  EXPECT_EQ(text1, "one");
-  EXPECT_EQ(code2.load(), 1);
-  g_now.store(g_now.load() + 50);
-  w2.join();
-  EXPECT_EQ(code2.load(), VEMO_ERR_TIMEOUT);
-  int code = 0;
-  collect(list_, 2, &code);
-  EXPECT_EQ(code, VEMO_ERR_NOT_ARRIVED);  // the timed-out wait leaves its entry
-  char *text = nullptr;
-  ASSERT_EQ(response_data_set_response(list_, 2, "two"), VEMO_OK);
-  EXPECT_EQ(vemo::response_data_wait_response(list_, 2, g_now.load(), 0, &text), VEMO_OK);
-  free(text);  // an arrived response is collected even with no time left
-}
-
-TEST_F(ResponseList, WaitFollowsAReplacementReportsAClearedIdAndEndsOnClose) {
-  vemo_test::LogCapture capture;
-  std::atomic<int> code{1};
-  std::string text;
-  char *none = nullptr;
-  EXPECT_EQ(vemo::response_data_wait_response(list_, 4, g_now.load(), 1000, &none), VEMO_ERR_NOT_FOUND);
-  EXPECT_EQ(capture.messages("response_data_get_response", "ERROR"), Messages{"can not find the message id, id=4"});
-  enter(1, 1000, nullptr);
-  std::thread w = waiter(1, 60000, &code, &text);
-  ASSERT_TRUE(eventually([&] { return vemo::response_list_waiters(list_) == 1; }));
-  ASSERT_EQ(response_data_add(list_, 1, 1000, nullptr), VEMO_OK);
-  ASSERT_TRUE(eventually([&] { return vemo::response_list_waiters(list_) == 1; }));
-  ASSERT_EQ(response_data_set_response(list_, 1, "again"), VEMO_OK);
-  w.join();
-  EXPECT_EQ(text, "again");
-  enter(2, 1000, nullptr);
-  w = waiter(2, 60000, &code, &text);
-  ASSERT_TRUE(eventually([&] { return vemo::response_list_waiters(list_) == 1; }));
-  capture.clear();
-  response_data_clear(list_, 1);
-  w.join();
-  EXPECT_EQ(code.load(), VEMO_ERR_NOT_FOUND);
-  EXPECT_EQ(capture.messages("response_data_get_response", "ERROR"), Messages{"can not find the message id, id=2"});
-  enter(3, 1000, nullptr);
-  w = waiter(3, 60000, &code, &text);
-  ASSERT_TRUE(eventually([&] { return vemo::response_list_waiters(list_) == 1; }));
+TEST_F(ResponseList, AWaiterSleepsUntilItsOwnEntryChanges) {
+  // Waiter 1 (timeout 100 on the list's clock) meets each end below; waiter 2 ends with code2,
+  // or sleeps on (1) until its own response comes.
+  struct Case {
+    std::function<void()> end;
+    int code;
+    const char *text;
+    int code2;
+  } cases[] = {
+      {[&] { response_data_set_response(list_, 1, "one"); }, VEMO_OK, "one", 1},
+      {[&] {
+         response_data_add(list_, 1, 1000, nullptr);  // the waiter moves to the new entry
+         EXPECT_TRUE(eventually([&] { return vemo::response_list_waiters(list_) == 2; }));
+         response_data_set_response(list_, 1, "again");
+       }, VEMO_OK, "again", 1},
+      {[&] { vemo::response_data_remove(list_, 1); }, VEMO_ERR_NOT_FOUND, "", 1},
+      {[&] { g_now.store(g_now.load() + 100); }, VEMO_ERR_TIMEOUT, "", 1},
+      {[&] { response_data_clear(list_, 1); }, VEMO_ERR_NOT_FOUND, "", VEMO_ERR_NOT_FOUND},
+      {[&] { vemo::response_list_close(list_); }, VEMO_ERR_DISCONNECTED, "", VEMO_ERR_DISCONNECTED},
+  };
+  for (const Case &c : cases) {
+    std::atomic<int> code1{1}, code2{1};
+    std::string text1, text2;
+    enter(1, 1000, nullptr);
+    enter(2, 1000, nullptr);
+    std::thread w1 = waiter(1, 100, &code1, &text1);
+    std::thread w2 = waiter(2, 60000, &code2, &text2);
+    ASSERT_TRUE(eventually([&] { return vemo::response_list_waiters(list_) == 2; }));
+    vemo_test::LogCapture capture;
+    c.end();
+    w1.join();
+    EXPECT_EQ(code1.load(), c.code) << c.text;
+    EXPECT_EQ(text1, c.text);
+    EXPECT_EQ(capture.contains("can not find the message id, id=1"), c.code == VEMO_ERR_NOT_FOUND);
+    if (c.code2 == 1) {
+      EXPECT_EQ(code2.load(), 1);
+      response_data_set_response(list_, 2, "two");
+    }
+    w2.join();
+    EXPECT_EQ(code2.load(), c.code2 == 1 ? VEMO_OK : c.code2);
+    response_list_destroy(list_);
+    list_ = response_list_init();
+  }
+  char *text = nullptr;  // a closed list: later waits fail at once
   vemo::response_list_close(list_);
-  w.join();
-  EXPECT_EQ(code.load(), VEMO_ERR_DISCONNECTED);
-  w = waiter(3, 60000, &code, &text);  // later waits fail at once
-  w.join();
-  EXPECT_EQ(code.load(), VEMO_ERR_DISCONNECTED);
+  EXPECT_EQ(vemo::response_data_wait_response(list_, 1, 0, 60000, &text), VEMO_ERR_DISCONNECTED);
 }
 
 TEST_F(ResponseList, ConcurrentOwnersSweepersAndRemoversNeverLoseOrMixResponses) {
