@@ -139,6 +139,7 @@ void counting_cb(int, const char *response) {
 }
 
 TEST_F(ResponseList, ReAddingAnIdReplacesItsEntryAndASecondResponseRestartsExpiry) {
+  g_calls.store(0);
   enter(7, 100, "old");
   ASSERT_EQ(response_data_add(list_, 7, 100, counting_cb), VEMO_OK);  // "old" freed (ASan)
   int code = 0;
@@ -273,6 +274,7 @@ void collecting_cb(int id, const char *) {
 
 TEST_F(ResponseList, CallbackRunsUnlockedAndMayCollectItsOwnResponse) {
   g_list = list_;
+  g_own_code.store(1);
   enter(12, 1000, "mine", collecting_cb);
   EXPECT_EQ(g_own_code.load(), VEMO_OK);
 }
