@@ -1,8 +1,8 @@
 // The message-id pool: ids 1..max_size handed out in rotation, one heap record per id in use.
+// This file has the ids' lifecycle; the passing of answers to holders is in msg_id_answer.cc.
 //
 // Waiting is done on conditions, never by polling: a taker that finds every id in use sleeps on
-// id_freed, and the holder of an id sleeps on its slot's own condition until the answer is
-// written, so a delivery wakes exactly the thread that waits for it.
+// id_freed until an id is returned, a quarantine ends, or its deadline passes.
 //
 // An id whose holder gave up waiting is quarantined when the client releases it: its
 // acknowledgement may still be on the way, and handed to the id's next holder it would answer
@@ -19,6 +19,7 @@
 
 #include "client/msg_id_pool_internal.h"
 #include "client/msg_id_pool_probe.h"
+#include "client/msg_id_pool_state.h"
 #include "util/clock.h"
 #include "util/log_internal.h"
 #include "util/sync.h"
@@ -28,60 +29,15 @@
 namespace vemo {
 namespace {
 
-// One per id in use. Every field but data.result is guarded by the pool's mutex; data.result is
-// also read by callers of msg_id_pool_get_data who poll it without the mutex, so it is always
-// accessed with atomic operations.
-struct MsgRecord {
-  msg_data_t data;  // first: msg_id_pool_get_data hands out its address
-  MsgDeliverHook hook;
-  int hook_status;
-  bool answered;       // the first answer has come, or the holder gave up (no hook runs after)
-  bool delivering;     // the hook runs outside the mutex: the holder and the returners wait
-  bool awaiting_late;  // the holder gave up before any answer came: one may still come
-};
-
-constexpr int32_t kNone = -1;
-
-struct Slot {
-  MsgRecord *record;  // null while the id is idle or quarantined
-  CondVar changed;    // the holder sleeps here; signalled on an answer, a hook's end, a close
-  bool quarantined;
-  uint32_t quarantined_at;
-  int32_t newer_quarantined;  // the FIFO of quarantined slots, by index; kNone at its ends
-  int32_t older_quarantined;
-};
-
 std::atomic<TickSource> g_tick_source{nullptr};
 
-uint32_t now_tick() {
+}  // namespace
+
+uint32_t msg_id_pool_now_tick() {
   TickSource source = g_tick_source.load(std::memory_order_acquire);
   return source != nullptr ? source() : get_tick_count();
 }
 
-}  // namespace
-}  // namespace vemo
-
-struct msg_id_pool {
-  vemo::Mutex mutex;
-  vemo::CondVar id_freed;
-  int32_t max_size = 0;  // set at creation, never changed: read without the mutex
-  int32_t next GUARDED_BY(mutex) = 0;
-  int32_t used GUARDED_BY(mutex) = 0;  // ids held or quarantined
-  vemo::Slot *data PT_GUARDED_BY(mutex) = nullptr;
-  int32_t oldest_quarantined GUARDED_BY(mutex) = vemo::kNone;
-  int32_t newest_quarantined GUARDED_BY(mutex) = vemo::kNone;
-  bool closed GUARDED_BY(mutex) = false;
-  int32_t waiting_takers GUARDED_BY(mutex) = 0;
-  int32_t waiting_holders GUARDED_BY(mutex) = 0;
-};
-
-namespace vemo {
-namespace {
-
-constexpr int kNotAnswered = VEMO_ERR_NOT_ARRIVED;
-
-// The argument test of the exported operation `function`, logged under its name; the client's
-// internal twins log exactly as the exported operations do.
 bool id_in_range(const msg_id_pool_t *pool, int id, const char *function) {
   if (pool == nullptr) {
     LOG_PRINT_AS(function, "ERROR", "the msg_id_pool_t is NULL");
@@ -93,6 +49,21 @@ bool id_in_range(const msg_id_pool_t *pool, int id, const char *function) {
   }
   return true;
 }
+
+void end_quarantine(msg_id_pool_t *pool, int32_t i) {
+  Slot &slot = pool->data[i];
+  int32_t newer = slot.newer_quarantined;
+  int32_t older = slot.older_quarantined;
+  if (newer != kNone) pool->data[newer].older_quarantined = older;
+  if (older != kNone) pool->data[older].newer_quarantined = newer;
+  if (pool->newest_quarantined == i) pool->newest_quarantined = older;
+  if (pool->oldest_quarantined == i) pool->oldest_quarantined = newer;
+  slot.quarantined = false;
+  pool->used -= 1;
+  pool->id_freed.signal();
+}
+
+namespace {
 
 int32_t quarantine_left_ms(const Slot &slot, uint32_t now) {
   int64_t left = static_cast<int64_t>(kIdQuarantineMs) - tick_elapsed(now, slot.quarantined_at);
@@ -108,20 +79,6 @@ void quarantine(msg_id_pool_t *pool, int32_t i, uint32_t now) REQUIRES(pool->mut
   if (pool->newest_quarantined != kNone) pool->data[pool->newest_quarantined].newer_quarantined = i;
   pool->newest_quarantined = i;
   if (pool->oldest_quarantined == kNone) pool->oldest_quarantined = i;
-}
-
-// Ends the quarantine of slot i: the id is idle, and one taker can have it.
-void end_quarantine(msg_id_pool_t *pool, int32_t i) REQUIRES(pool->mutex) {
-  Slot &slot = pool->data[i];
-  int32_t newer = slot.newer_quarantined;
-  int32_t older = slot.older_quarantined;
-  if (newer != kNone) pool->data[newer].older_quarantined = older;
-  if (older != kNone) pool->data[older].newer_quarantined = newer;
-  if (pool->newest_quarantined == i) pool->newest_quarantined = older;
-  if (pool->oldest_quarantined == i) pool->oldest_quarantined = newer;
-  slot.quarantined = false;
-  pool->used -= 1;
-  pool->id_freed.signal();
 }
 
 void end_passed_quarantines(msg_id_pool_t *pool, uint32_t now) REQUIRES(pool->mutex) {
@@ -165,7 +122,7 @@ int take(msg_id_pool_t *pool, const msg_data_t *data, const MsgDeliverHook *hook
   {
     MutexLock lock(pool->mutex);
     while (!pool->closed) {
-      uint32_t now = now_tick();
+      uint32_t now = msg_id_pool_now_tick();
       end_passed_quarantines(pool, now);
       // A free id is taken even past the deadline: the look comes before the clock.
       if (pool->used < pool->max_size) {
@@ -220,7 +177,7 @@ void give_back(msg_id_pool_t *pool, int id, bool quarantine_if_given_up) {
     if (record == nullptr) return;  // returning an idle id changes nothing
     slot.record = nullptr;
     if (quarantine_if_given_up && record->awaiting_late) {
-      quarantine(pool, id - 1, now_tick());
+      quarantine(pool, id - 1, msg_id_pool_now_tick());
     } else {
       pool->used -= 1;
       pool->id_freed.signal();
@@ -238,101 +195,6 @@ int msg_id_take(msg_id_pool_t *pool, const msg_data_t *data, const MsgDeliverHoo
 
 void msg_id_release(msg_id_pool_t *pool, int id) { give_back(pool, id, true); }
 
-int msg_id_deliver(msg_id_pool_t *pool, int id, int value) {
-  if (!id_in_range(pool, id, "msg_id_pool_get_data")) return VEMO_ERR_NOT_FOUND;
-  pool->mutex.lock();
-  Slot &slot = pool->data[id - 1];
-  MsgRecord *record = slot.record;
-  if (record == nullptr) {
-    // A late answer: the holder gave the id back already. Nothing to write to; a quarantine
-    // that waited for this answer is over.
-    if (slot.quarantined) end_quarantine(pool, id - 1);
-    pool->mutex.unlock();
-    return VEMO_ERR_NOT_FOUND;
-  }
-  record->awaiting_late = false;
-  bool run_hook = !record->answered && record->hook.fn != nullptr;
-  record->answered = true;
-  if (run_hook) {
-    // The hook may take locks of its own and do I/O, so it runs unlocked. The record cannot go
-    // away meanwhile: the holder, the returners and msg_id_pool_destroy all wait while
-    // delivering is set.
-    record->delivering = true;
-    MsgDeliverHook hook = record->hook;
-    pool->mutex.unlock();
-    int status = hook.fn(hook.ctx, value);
-    pool->mutex.lock();
-    record->hook_status = status;
-  }
-  // Written after the hook, so that the holder gets the answer its hook saw even if a duplicate
-  // came in while the hook ran. A duplicate never clears delivering: only the hook's runner does.
-  __atomic_store_n(&record->data.result, value, __ATOMIC_RELEASE);
-  if (run_hook) record->delivering = false;
-  // Broadcast: besides the holder, a returner may be waiting for the hook's end.
-  slot.changed.broadcast();
-  pool->mutex.unlock();
-  return VEMO_OK;
-}
-
-int msg_id_wait_result(msg_id_pool_t *pool, int id, uint32_t start_tick, int32_t timeout_ms,
-                       int *hook_status) {
-  if (hook_status != nullptr) *hook_status = 0;
-  // A holder that gives up stops taking answers at once, not only when it returns the id: a
-  // late acknowledgement must not run the hook (and, say, enter a request id in the response
-  // list) for a sender that has already reported a failure. The release then quarantines it.
-  auto give_up = [](Slot &slot, int code) NO_THREAD_SAFETY_ANALYSIS {
-    MsgRecord *record = slot.record;
-    if (record != nullptr && !record->delivering && !record->answered) {
-      record->answered = true;
-      record->awaiting_late = true;
-    }
-    return code;
-  };
-  if (timeout_ms <= 0) {
-    // The answer is not looked at; the record is only marked as given up.
-    if (pool != nullptr && id >= 1 && id <= pool->max_size) {
-      MutexLock lock(pool->mutex);
-      give_up(pool->data[id - 1], 0);
-    }
-    return VEMO_ERR_TIMEOUT;
-  }
-  if (!id_in_range(pool, id, "msg_id_pool_get_data")) return VEMO_ERR_NO_ANSWER;
-  MutexLock lock(pool->mutex);
-  Slot &slot = pool->data[id - 1];
-  const Deadline deadline{start_tick, timeout_ms};
-  for (;;) {
-    MsgRecord *record = slot.record;
-    if (record == nullptr) return VEMO_ERR_NO_ANSWER;
-    if (record->delivering) {
-      // The hook's ctx lives on this holder's stack: never leave while it runs, whatever the
-      // clock or a close say. Hooks are short.
-      pool->waiting_holders += 1;
-      slot.changed.wait(pool->mutex);
-      pool->waiting_holders -= 1;
-      continue;
-    }
-    int result = __atomic_load_n(&record->data.result, __ATOMIC_ACQUIRE);
-    if (result != kNotAnswered) {
-      if (hook_status != nullptr) *hook_status = record->hook_status;
-      return result;
-    }
-    if (pool->closed) return give_up(slot, VEMO_ERR_DISCONNECTED);
-    uint32_t now = now_tick();
-    if (deadline.expired(now)) return give_up(slot, VEMO_ERR_TIMEOUT);
-    pool->waiting_holders += 1;
-    slot.changed.wait_for_ms(pool->mutex, deadline.remaining_ms(now));
-    pool->waiting_holders -= 1;
-  }
-}
-
-void msg_id_pool_close(msg_id_pool_t *pool) {
-  if (pool == nullptr) return;
-  MutexLock lock(pool->mutex);
-  pool->closed = true;
-  for (int32_t i = 0; i < pool->max_size; ++i) pool->data[i].changed.broadcast();
-  pool->id_freed.broadcast();
-}
-
 void msg_id_pool_set_tick_source(TickSource source) {
   g_tick_source.store(source, std::memory_order_release);
 }
@@ -340,11 +202,6 @@ void msg_id_pool_set_tick_source(TickSource source) {
 int32_t msg_id_pool_waiting_takers(msg_id_pool_t *pool) {
   MutexLock lock(pool->mutex);
   return pool->waiting_takers;
-}
-
-int32_t msg_id_pool_waiting_holders(msg_id_pool_t *pool) {
-  MutexLock lock(pool->mutex);
-  return pool->waiting_holders;
 }
 
 }  // namespace vemo

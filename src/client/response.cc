@@ -3,8 +3,7 @@
 //
 // The entries sit in an index (response_index.h) that finds an id without walking the list and
 // keeps the entries ordered by the tick at which they run out, so the sweep of the timeout task
-// looks only at the entries that are due. A synchronous caller does not poll: it sleeps on a
-// condition of its own that it hangs into its entry, and the delivery of that id wakes it alone.
+// looks only at the entries that are due. The synchronous wait is in response_wait.cc.
 
 #include <limits.h>
 #include <stdint.h>
@@ -13,8 +12,8 @@
 #include <atomic>
 #include <new>
 
-#include "client/response_index.h"
 #include "client/response_internal.h"
+#include "client/response_list.h"
 #include "client/response_probe.h"
 #include "util/clock.h"
 #include "util/log_internal.h"
@@ -23,44 +22,13 @@
 #include "vemo/util.h"
 
 namespace vemo {
-
-// A thread waiting for the response of one id; lives on that thread's stack. Guarded by the
-// list's mutex.
-struct ResponseWaiter {
-  CondVar woken;
-  ResponseEntry *entry = nullptr;  // the entry it hangs in; null once that entry was removed
-  ResponseWaiter *next = nullptr;  // the entry's other waiters
-};
-
 namespace {
 
 std::atomic<TickSource> g_tick_source{nullptr};
 
-uint32_t now_tick() {
-  TickSource source = g_tick_source.load(std::memory_order_acquire);
-  return source != nullptr ? source() : get_tick_count();
-}
-
-}  // namespace
-}  // namespace vemo
-
-struct response_list {
-  vemo::Mutex mutex;
-  vemo::ResponseIndex index GUARDED_BY(mutex);
-  bool closed GUARDED_BY(mutex) = false;
-  int32_t waiters GUARDED_BY(mutex) = 0;
-};
-
-namespace vemo {
-namespace {
-
 // Exported names under which helpers log: a line names the operation it stands for.
 constexpr const char *kCollect = "response_data_get_response";
 constexpr const char *kClear = "response_data_clear";
-
-void wake_waiters(ResponseEntry *entry) {
-  for (ResponseWaiter *w = entry->waiters; w != nullptr; w = w->next) w->woken.signal();
-}
 
 // For an entry that has just been removed: its waiters must not refer to it any more, and they
 // look again at once (they find a replacement, or report the id as gone).
@@ -76,31 +44,23 @@ void release_waiters(ResponseEntry *entry) {
   }
 }
 
-void attach_waiter(ResponseEntry *entry, ResponseWaiter *waiter) {
-  waiter->entry = entry;
-  waiter->next = entry->waiters;
-  entry->waiters = waiter;
-}
-
-void detach_waiter(ResponseWaiter *waiter) {
-  if (waiter->entry == nullptr) return;
-  for (ResponseWaiter **link = &waiter->entry->waiters; *link != nullptr; link = &(*link)->next) {
-    if (*link == waiter) {
-      *link = waiter->next;
-      break;
-    }
-  }
-  waiter->entry = nullptr;
-  waiter->next = nullptr;
-}
-
 void free_entry(ResponseEntry *entry) {
   free(entry->response);
   free(entry);
 }
 
-// Takes entry out of the index; the caller owns it from now on.
-void take_out(response_list_t *list, ResponseEntry *entry) REQUIRES(list->mutex) {
+}  // namespace
+
+uint32_t response_now_tick() {
+  TickSource source = g_tick_source.load(std::memory_order_acquire);
+  return source != nullptr ? source() : get_tick_count();
+}
+
+void wake_waiters(ResponseEntry *entry) {
+  for (ResponseWaiter *w = entry->waiters; w != nullptr; w = w->next) w->woken.signal();
+}
+
+void take_out(response_list_t *list, ResponseEntry *entry) {
   list->index.remove(entry);
   release_waiters(entry);
 }
@@ -118,8 +78,8 @@ int report_missing(int id) {
   return VEMO_ERR_NOT_FOUND;
 }
 
-// Hands the text of a removed, arrived entry to the caller and frees the entry. The entry's
-// text is already a private heap copy, so it is handed over rather than copied once more.
+// The entry's text is already a private heap copy, so it is handed over rather than copied
+// once more.
 int hand_over(ResponseEntry *taken, char **response) {
   char *text = taken->response;
   taken->response = nullptr;
@@ -132,6 +92,8 @@ int hand_over(ResponseEntry *taken, char **response) {
   *response = text;
   return VEMO_OK;
 }
+
+namespace {
 
 void log_alloc_failure(const char *function, size_t bytes) {
   LOG_PRINT_AS(function, "ERROR", "fail to malloc, size=%d",
@@ -178,7 +140,7 @@ void sweep(response_list_t *list, Sweep what, int32_t pending_grace_ms) {
   {
     MutexLock lock(list->mutex);
     ResponseIndex &index = list->index;
-    now = now_tick();
+    now = response_now_tick();
     if (what == Sweep::kEverything) {
       ResponseEntry **tail = &removed;
       while (ResponseEntry *entry = index.newest()) {
@@ -226,57 +188,6 @@ void sweep(response_list_t *list, Sweep what, int32_t pending_grace_ms) {
 
 }  // namespace
 
-int response_data_wait_response(response_list_t *list, int id, uint32_t start_tick,
-                                int32_t timeout_ms, char **response) {
-  if (!collect_args_ok(list, response)) return VEMO_ERR_INVALID_ARG;
-  enum class Outcome { kClosed, kMissing, kTaken, kTimedOut } outcome;
-  ResponseEntry *taken = nullptr;
-  ResponseWaiter waiter;
-  {
-    MutexLock lock(list->mutex);
-    for (;;) {
-      if (list->closed) {
-        outcome = Outcome::kClosed;
-        break;
-      }
-      // The look comes before the clock: a response that is there is never reported late.
-      ResponseEntry *entry = list->index.find(id);
-      if (entry == nullptr) {
-        outcome = Outcome::kMissing;
-        break;
-      }
-      if (entry->arrived) {
-        take_out(list, entry);
-        taken = entry;
-        outcome = Outcome::kTaken;
-        break;
-      }
-      Deadline deadline{start_tick, timeout_ms};
-      uint32_t now = now_tick();
-      if (deadline.expired(now)) {
-        outcome = Outcome::kTimedOut;
-        break;
-      }
-      attach_waiter(entry, &waiter);
-      list->waiters += 1;
-      waiter.woken.wait_for_ms(list->mutex, deadline.remaining_ms(now));
-      list->waiters -= 1;
-      detach_waiter(&waiter);
-    }
-  }
-  switch (outcome) {
-    case Outcome::kClosed:
-      return VEMO_ERR_DISCONNECTED;
-    case Outcome::kMissing:
-      return report_missing(id);
-    case Outcome::kTaken:
-      return hand_over(taken, response);
-    case Outcome::kTimedOut:
-      break;
-  }
-  return VEMO_ERR_TIMEOUT;
-}
-
 void response_data_remove(response_list_t *list, int id) {
   if (list == nullptr) {
     LOG_PRINT("WARN", "the list is NULL");
@@ -303,22 +214,8 @@ void response_data_expire(response_list_t *list, int32_t pending_grace_ms) {
   sweep(list, Sweep::kAllDue, pending_grace_ms);
 }
 
-void response_list_close(response_list_t *list) {
-  if (list == nullptr) return;
-  MutexLock lock(list->mutex);
-  list->closed = true;
-  for (ResponseEntry *entry = list->index.newest(); entry != nullptr; entry = entry->older) {
-    wake_waiters(entry);
-  }
-}
-
 void response_list_set_tick_source(TickSource source) {
   g_tick_source.store(source, std::memory_order_release);
-}
-
-int32_t response_list_waiters(response_list_t *list) {
-  MutexLock lock(list->mutex);
-  return list->waiters;
 }
 
 int32_t response_list_capacity(response_list_t *list) {
@@ -362,7 +259,7 @@ extern "C" VEMO_API int response_data_add(response_list_t *list, int id, int tim
   entry->id = id;
   entry->timeout_ms = timeout_ms;
   entry->callback = callback;
-  entry->added_tick = vemo::now_tick();
+  entry->added_tick = vemo::response_now_tick();
   for (;;) {
     vemo::ResponseEntry *old = nullptr;
     int32_t grow_to = 0;
@@ -408,7 +305,7 @@ extern "C" VEMO_API int response_data_set_response(response_list_t *list, int id
       found = true;
       previous = entry->response;
       entry->response = copy;
-      list->index.arrive(entry, vemo::now_tick());
+      list->index.arrive(entry, vemo::response_now_tick());
       // Read now: once it has arrived, a collector may free the entry as soon as we unlock.
       callback = entry->callback;
       vemo::wake_waiters(entry);
