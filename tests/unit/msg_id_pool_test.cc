@@ -234,33 +234,29 @@ TEST_F(MsgIdPool, AHolderWaitsForItsAnswerUntilItsTimeoutOrAClose) {
   EXPECT_EQ(vemo::msg_id_take(pool_, &kFresh, nullptr, kLong), VEMO_ERR_DISCONNECTED);
 }
 
+// A hook that waits at its gate and returns 7, and notes whether the holder returned meanwhile.
 struct HookProbe {
-  std::atomic<int> calls{0}, value{0};
+  Gate gate;
+  std::atomic<int> calls{0};
   std::atomic<bool> entered{false}, holder_returned{false}, holder_returned_during_hook{false};
-  Gate *gate = nullptr;
-  int status = 7;
+  vemo::MsgDeliverHook hook{run, this};
+  static int run(void *ctx, int) {
+    auto *p = static_cast<HookProbe *>(ctx);
+    p->calls.fetch_add(1);
+    p->entered.store(true);
+    p->gate.wait();
+    if (p->holder_returned.load()) p->holder_returned_during_hook.store(true);
+    return 7;
+  }
 };
-
-int probe_hook(void *ctx, int value) {
-  auto *p = static_cast<HookProbe *>(ctx);
-  p->calls.fetch_add(1);
-  p->value.store(value);
-  p->entered.store(true);
-  if (p->gate != nullptr) p->gate->wait();
-  if (p->holder_returned.load()) p->holder_returned_during_hook.store(true);
-  return p->status;
-}
 
 TEST_F(MsgIdPool, TheHookRunsOnceBeforeTheHolderWakesWhateverTheClockOrACloseSay) {
   // A hook held at its gate while the holder's timeout passes, and then while the pool closes:
   // the holder still gets the answer the hook saw, with its status, and only afterwards.
   for (bool close : {false, true}) {
     make(4);
-    Gate gate;
     HookProbe probe;
-    probe.gate = &gate;
-    vemo::MsgDeliverHook hook{probe_hook, &probe};
-    int id = vemo::msg_id_take(pool_, &kFresh, &hook, kLong);
+    int id = vemo::msg_id_take(pool_, &kFresh, &probe.hook, kLong);
     std::atomic<int> got{0};
     int status = 0;
     std::thread holder([&] {
@@ -272,7 +268,7 @@ TEST_F(MsgIdPool, TheHookRunsOnceBeforeTheHolderWakesWhateverTheClockOrACloseSay
     ASSERT_TRUE(eventually([&] { return probe.entered.load(); }));
     g_now.store(g_now.load() + 1000);
     if (close) vemo::msg_id_pool_close(pool_);
-    gate.open();
+    probe.gate.open();
     holder.join();
     deliverer.join();
     EXPECT_EQ(vemo::msg_id_deliver(pool_, id, 43), VEMO_OK);  // a duplicate: no second hook
@@ -287,11 +283,8 @@ TEST_F(MsgIdPool, TheHookRunsOnceBeforeTheHolderWakesWhateverTheClockOrACloseSay
 
 TEST_F(MsgIdPool, AReturnWaitsForARunningHookAndAnAnswerAfterGivingUpRunsNone) {
   make(4);
-  Gate gate;
   HookProbe probe;
-  probe.gate = &gate;
-  vemo::MsgDeliverHook hook{probe_hook, &probe};
-  int id = vemo::msg_id_take(pool_, &kFresh, &hook, kLong);
+  int id = vemo::msg_id_take(pool_, &kFresh, &probe.hook, kLong);
   std::thread deliverer([&] { vemo::msg_id_deliver(pool_, id, 42); });
   ASSERT_TRUE(eventually([&] { return probe.entered.load(); }));
   // Gave up at once while the hook, whose ctx it owns, runs: the return must wait for the hook.
@@ -299,15 +292,15 @@ TEST_F(MsgIdPool, AReturnWaitsForARunningHookAndAnAnswerAfterGivingUpRunsNone) {
   std::atomic<bool> hook_done_at_return{false};
   std::thread returner([&] {
     vemo::msg_id_release(pool_, id);
-    hook_done_at_return.store(gate.is_open());
+    hook_done_at_return.store(probe.gate.is_open());
   });
   ASSERT_TRUE(eventually([&] { return vemo::msg_id_pool_waiting_holders(pool_) == 1; }));
-  gate.open();
+  probe.gate.open();
   returner.join();
   deliverer.join();
   EXPECT_TRUE(hook_done_at_return.load());
   for (int32_t timeout : {0, 20}) {
-    int next = vemo::msg_id_take(pool_, &kFresh, &hook, kLong);
+    int next = vemo::msg_id_take(pool_, &kFresh, &probe.hook, kLong);
     EXPECT_EQ(wait_expired(next, timeout), VEMO_ERR_TIMEOUT);
     EXPECT_EQ(vemo::msg_id_deliver(pool_, next, 43), VEMO_OK);
     EXPECT_EQ(probe.calls.load(), 1);
