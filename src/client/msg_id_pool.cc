@@ -66,8 +66,9 @@ void end_quarantine(msg_id_pool_t *pool, int32_t i) {
 namespace {
 
 int32_t quarantine_left_ms(const Slot &slot, uint32_t now) {
-  int64_t left = static_cast<int64_t>(kIdQuarantineMs) - tick_elapsed(now, slot.quarantined_at);
-  return left > 0 ? static_cast<int32_t>(left) : 0;
+  int32_t elapsed = tick_elapsed(now, slot.quarantined_at);
+  if (elapsed >= kIdQuarantineMs) return 0;
+  return elapsed > 0 ? kIdQuarantineMs - elapsed : kIdQuarantineMs;
 }
 
 void quarantine(msg_id_pool_t *pool, int32_t i, uint32_t now) REQUIRES(pool->mutex) {
@@ -122,8 +123,10 @@ int take(msg_id_pool_t *pool, const msg_data_t *data, const MsgDeliverHook *hook
   {
     MutexLock lock(pool->mutex);
     while (!pool->closed) {
-      uint32_t now = msg_id_pool_now_tick();
-      end_passed_quarantines(pool, now);
+      // The clock is read only when it matters: a quarantine may have ended, or none is free.
+      bool quarantines = pool->oldest_quarantined != kNone;
+      uint32_t now = quarantines ? msg_id_pool_now_tick() : 0;
+      if (quarantines) end_passed_quarantines(pool, now);
       // A free id is taken even past the deadline: the look comes before the clock.
       if (pool->used < pool->max_size) {
         id = store_in_free_slot(pool, record);
@@ -131,6 +134,7 @@ int take(msg_id_pool_t *pool, const msg_data_t *data, const MsgDeliverHook *hook
         if (pool->used < pool->max_size && pool->waiting_takers > 0) pool->id_freed.signal();
         break;
       }
+      if (!quarantines) now = msg_id_pool_now_tick();
       if (deadline != nullptr && deadline->expired(now)) {
         id = VEMO_ERR_TIMEOUT;
         break;
