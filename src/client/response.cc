@@ -132,7 +132,10 @@ enum class Sweep { kEverything, kArrivedDue, kAllDue };
 // Removes what `what` names, and logs each removal newest first (the order of the list) once
 // the lock is released, so that a slow output never holds up a delivery. An arrived entry is
 // due once timeout_ms have passed since its arrival; a pending one once timeout_ms and then
-// pending_grace_ms have passed since it was added.
+// pending_grace_ms have passed since it was added. This is the rule of a walk over the list
+// (elapsed time since arrival, read as a signed 32-bit difference, at least timeout_ms) as
+// long as an entry has waited less than 2^31 ms (24.8 days); an entry older than that, which
+// the walk would keep until the counter came round again, is removed.
 void sweep(response_list_t *list, Sweep what, int32_t pending_grace_ms) {
   ResponseEntry *removed = nullptr;
   uint32_t now = 0;
