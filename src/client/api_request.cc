@@ -93,6 +93,8 @@ extern "C" VEMO_API int vemo_send_request_sync(const char *request, int timeout_
   if (joined != generation) return VEMO_ERR_DISCONNECTED;
   int rc = response_data_wait_response(client().response_list, id, deadline.start,
                                        deadline.timeout_ms, response);
+  // Given up: the entry goes now, so a late response is not stored for nobody.
+  if (rc == VEMO_ERR_TIMEOUT) response_data_remove(client().response_list, id);
   return rc;
 }
 

@@ -35,7 +35,8 @@ int send_with_recv(MessageText &message, const Deadline &deadline, Exchange *exc
   }
 
   msg_data_t record = {VEMO_ERR_NOT_ARRIVED};
-  int id = msg_id_take(c.msg_id_pool, &record, exchange->hook);
+  // The wait for a free id counts against the deadline too.
+  int id = msg_id_take(c.msg_id_pool, &record, exchange->hook, deadline);
   if (id < 0) {
     LOG_PRINT("ERROR", "fail to get the message id, error=%d", id);
     return id;
@@ -53,7 +54,9 @@ int send_with_recv(MessageText &message, const Deadline &deadline, Exchange *exc
   // or the client is torn down.
   rc = msg_id_wait_result(c.msg_id_pool, id, deadline.start, deadline.timeout_ms,
                           &exchange->hook_status);
-  msg_id_put_to_idle(c.msg_id_pool, id);
+  // An id whose answer did not come is kept out of use until its late answer arrives (or a
+  // quarantine passes), so that answer can never complete a newer request that took the id.
+  msg_id_release(c.msg_id_pool, id);
   return rc;
 }
 

@@ -1,9 +1,11 @@
-// The response list: cloud responses by request id, newest first, each pending until it
-// arrives and then kept for its timeout_ms until collected.
+// The response list: cloud responses by request id, pending until they arrive, then kept for
+// their timeout_ms until collected.
 //
-// A synchronous caller does not poll: it sleeps on a condition of its own that it hangs into
-// its entry, and the delivery of that id wakes it alone.
+// The entries sit in an index (response_index.h) that finds an id without walking the list and
+// keeps the entries ordered by the tick at which they run out, so the sweep of the timeout task
+// looks only at the entries that are due. The synchronous wait is in response_wait.cc.
 
+#include <limits.h>
 #include <stdint.h>
 #include <stdlib.h>
 
@@ -11,6 +13,7 @@
 #include <new>
 
 #include "client/response_internal.h"
+#include "client/response_list.h"
 #include "client/response_probe.h"
 #include "util/clock.h"
 #include "util/log_internal.h"
@@ -21,73 +24,14 @@
 namespace vemo {
 namespace {
 
-struct ResponseEntry;
-
-// A thread waiting for the response of one id; lives on that thread's stack.
-struct ResponseWaiter {
-  CondVar woken;
-  ResponseEntry *entry = nullptr;  // the entry it hangs in; null once that entry was removed
-  ResponseWaiter *next = nullptr;  // the entry's other waiters
-};
-
-// Every field is guarded by the list's mutex while the entry is linked; an unlinked entry
-// belongs to the thread that unlinked it.
-struct ResponseEntry {
-  uint32_t recv_tick;
-  // Kept apart from recv_tick: the tick counter does read 0 (after a wrap, or when the clock
-  // cannot be read), and a response stored at that moment has arrived all the same.
-  bool arrived;
-  int32_t timeout_ms;
-  int id;
-  char *response;
-  vemo_response_cb callback;
-  ResponseEntry *next;
-  ResponseWaiter *waiters;
-};
-
 std::atomic<TickSource> g_tick_source{nullptr};
 
-uint32_t now_tick() {
-  TickSource source = g_tick_source.load(std::memory_order_acquire);
-  return source != nullptr ? source() : get_tick_count();
-}
+// Exported names under which helpers log: a line names the operation it stands for.
+constexpr const char *kCollect = "response_data_get_response";
+constexpr const char *kClear = "response_data_clear";
 
-}  // namespace
-}  // namespace vemo
-
-struct response_list {
-  vemo::Mutex mutex;
-  vemo::ResponseEntry *head GUARDED_BY(mutex) = nullptr;
-  bool closed GUARDED_BY(mutex) = false;
-  int32_t waiters GUARDED_BY(mutex) = 0;
-};
-
-namespace vemo {
-namespace {
-
-enum class Removal { kNever, kAlways, kIfArrived };
-
-// The one look-up of the list: the first entry of id, unlinked when removal says so.
-ResponseEntry *response_list_find(response_list_t *list, int id, Removal removal)
-    REQUIRES(list->mutex) {
-  for (ResponseEntry **link = &list->head; *link != nullptr; link = &(*link)->next) {
-    ResponseEntry *entry = *link;
-    if (entry->id != id) continue;
-    if (removal == Removal::kAlways || (removal == Removal::kIfArrived && entry->arrived)) {
-      *link = entry->next;
-      entry->next = nullptr;
-    }
-    return entry;
-  }
-  return nullptr;
-}
-
-void wake_waiters(ResponseEntry *entry) {
-  for (ResponseWaiter *w = entry->waiters; w != nullptr; w = w->next) w->woken.signal();
-}
-
-// For an entry that has just been unlinked: its waiters must not refer to it any more, and
-// they look again at once (they find a replacement, or report the id as gone).
+// For an entry that has just been removed: its waiters must not refer to it any more, and they
+// look again at once (they find a replacement, or report the id as gone).
 void release_waiters(ResponseEntry *entry) {
   ResponseWaiter *w = entry->waiters;
   entry->waiters = nullptr;
@@ -100,132 +44,186 @@ void release_waiters(ResponseEntry *entry) {
   }
 }
 
-void attach_waiter(ResponseEntry *entry, ResponseWaiter *waiter) {
-  waiter->entry = entry;
-  waiter->next = entry->waiters;
-  entry->waiters = waiter;
-}
-
-void detach_waiter(ResponseWaiter *waiter) {
-  if (waiter->entry == nullptr) return;
-  for (ResponseWaiter **link = &waiter->entry->waiters; *link != nullptr; link = &(*link)->next) {
-    if (*link == waiter) {
-      *link = waiter->next;
-      break;
-    }
-  }
-  waiter->entry = nullptr;
-  waiter->next = nullptr;
-}
-
 void free_entry(ResponseEntry *entry) {
   free(entry->response);
   free(entry);
 }
 
-// The helpers below carry the name of the exported collection whose log lines they write: a
-// log line names the function it stands in, and the synchronous wait must log exactly as the
-// collection does.
+}  // namespace
 
-struct ArgCheck {};
-struct Missing {};
+uint32_t response_now_tick() {
+  TickSource source = g_tick_source.load(std::memory_order_acquire);
+  return source != nullptr ? source() : get_tick_count();
+}
 
-bool response_data_get_response(ArgCheck, response_list_t *list, char **response) {
+void wake_waiters(ResponseEntry *entry) {
+  for (ResponseWaiter *w = entry->waiters; w != nullptr; w = w->next) w->woken.signal();
+}
+
+void take_out(response_list_t *list, ResponseEntry *entry) {
+  list->index.remove(entry);
+  release_waiters(entry);
+}
+
+bool collect_args_ok(response_list_t *list, char **response) {
   if (list == nullptr || response == nullptr || *response != nullptr) {
-    LOG_PRINT("WARN", "the list or response is NULL, or *response is not NULL");
+    LOG_PRINT_AS(kCollect, "WARN", "the list or response is NULL, or *response is not NULL");
     return false;
   }
   return true;
 }
 
-int response_data_get_response(Missing, int id) {
-  LOG_PRINT("ERROR", "can not find the message id, id=%d", id);
+int report_missing(int id) {
+  LOG_PRINT_AS(kCollect, "ERROR", "can not find the message id, id=%d", id);
   return VEMO_ERR_NOT_FOUND;
 }
 
-// Hands the text of an unlinked, arrived entry to the caller and frees the entry. The entry's
-// text is already a private heap copy, so it is handed over rather than copied once more.
-int response_data_get_response(ResponseEntry *taken, char **response) {
+// The entry's text is already a private heap copy, so it is handed over rather than copied
+// once more.
+int hand_over(ResponseEntry *taken, char **response) {
   char *text = taken->response;
   taken->response = nullptr;
   free_entry(taken);
   if (text == nullptr) {
     // The copy failed when the response was stored: the response is lost.
-    LOG_PRINT("ERROR", "fail to get the response");
+    LOG_PRINT_AS(kCollect, "ERROR", "fail to get the response");
     return VEMO_ERR_NO_RESOURCE;
   }
   *response = text;
   return VEMO_OK;
 }
 
-}  // namespace
+namespace {
 
-int response_data_wait_response(response_list_t *list, int id, uint32_t start_tick,
-                                int32_t timeout_ms, char **response) {
-  if (!vemo::response_data_get_response(ArgCheck{}, list, response)) return VEMO_ERR_INVALID_ARG;
-  enum class Outcome { kClosed, kMissing, kTaken, kTimedOut } outcome;
-  ResponseEntry *taken = nullptr;
-  ResponseWaiter waiter;
-  {
-    MutexLock lock(list->mutex);
-    for (;;) {
-      if (list->closed) {
-        outcome = Outcome::kClosed;
-        break;
-      }
-      // The look comes before the clock: a response that is there is never reported late.
-      ResponseEntry *entry = response_list_find(list, id, Removal::kIfArrived);
-      if (entry == nullptr) {
-        outcome = Outcome::kMissing;
-        break;
-      }
-      if (entry->arrived) {
-        release_waiters(entry);
-        taken = entry;
-        outcome = Outcome::kTaken;
-        break;
-      }
-      int64_t elapsed = tick_elapsed(now_tick(), start_tick);
-      if (elapsed >= timeout_ms) {
-        outcome = Outcome::kTimedOut;
-        break;
-      }
-      int64_t remaining = static_cast<int64_t>(timeout_ms) - elapsed;
-      attach_waiter(entry, &waiter);
-      list->waiters += 1;
-      waiter.woken.wait_for_ms(list->mutex,
-                               static_cast<int32_t>(remaining > INT32_MAX ? INT32_MAX : remaining));
-      list->waiters -= 1;
-      detach_waiter(&waiter);
-    }
-  }
-  switch (outcome) {
-    case Outcome::kClosed:
-      return VEMO_ERR_DISCONNECTED;
-    case Outcome::kMissing:
-      return vemo::response_data_get_response(Missing{}, id);
-    case Outcome::kTaken:
-      return vemo::response_data_get_response(taken, response);
-    case Outcome::kTimedOut:
-      break;
-  }
-  return VEMO_ERR_TIMEOUT;
+void log_alloc_failure(const char *function, size_t bytes) {
+  LOG_PRINT_AS(function, "ERROR", "fail to malloc, size=%d",
+               bytes > INT_MAX ? INT_MAX : static_cast<int>(bytes));
 }
 
-void response_list_close(response_list_t *list) {
-  if (list == nullptr) return;
-  MutexLock lock(list->mutex);
-  list->closed = true;
-  for (ResponseEntry *entry = list->head; entry != nullptr; entry = entry->next) wake_waiters(entry);
+// Puts an index of capacity slots in place, allocated while the lock is not held. A resize that
+// another thread made meanwhile wins: the new block is then dropped. False when memory is short.
+bool resize_index(response_list_t *list, int32_t capacity, bool grow) {
+  size_t bytes = capacity > 0 ? ResponseIndex::block_bytes(capacity) : 0;
+  void *block = bytes != 0 ? malloc(bytes) : nullptr;
+  if (block == nullptr) return false;
+  void *unused = block;
+  {
+    MutexLock lock(list->mutex);
+    int32_t current = list->index.capacity();
+    bool suits = grow ? capacity > current
+                      : capacity < current && list->index.count() * 2 <= capacity;
+    if (suits) unused = list->index.adopt(block, capacity);
+  }
+  free(unused);
+  return true;
+}
+
+// The capacity to shrink to: an index at most an eighth full halves until it is more than an
+// eighth and at most a quarter full. Growth doubles a full index, so the two never chase each
+// other, and a list that once held a burst gives the memory back.
+int32_t shrunk_capacity(const ResponseIndex &index) {
+  int32_t target = index.capacity();
+  while (target > ResponseIndex::kMinCapacity && index.count() * 8 <= target) target /= 2;
+  return target;
+}
+
+enum class Sweep { kEverything, kArrivedDue, kAllDue };
+
+// Removes what `what` names, and logs each removal newest first (the order of the list) once
+// the lock is released, so that a slow output never holds up a delivery. An arrived entry is
+// due once timeout_ms have passed since its arrival; a pending one once timeout_ms and then
+// pending_grace_ms have passed since it was added. This is the rule of a walk over the list
+// (elapsed time since arrival, read as a signed 32-bit difference, at least timeout_ms) as
+// long as an entry has waited less than 2^31 ms (24.8 days); an entry older than that, which
+// the walk would keep until the counter came round again, is removed.
+void sweep(response_list_t *list, Sweep what, int32_t pending_grace_ms) {
+  ResponseEntry *removed = nullptr;
+  uint32_t now = 0;
+  int32_t shrink_to = 0;
+  {
+    MutexLock lock(list->mutex);
+    ResponseIndex &index = list->index;
+    now = response_now_tick();
+    if (what == Sweep::kEverything) {
+      ResponseEntry **tail = &removed;
+      while (ResponseEntry *entry = index.newest()) {
+        take_out(list, entry);
+        *tail = entry;
+        tail = &entry->older;
+      }
+    } else {
+      // The due ticks of each heap are in order: the sweep stops at the first that is not due.
+      ResponseEntry *entry;
+      while ((entry = index.first_due(true)) != nullptr && tick_elapsed(now, entry->due) >= 0) {
+        if (index.postpone(entry)) continue;
+        take_out(list, entry);
+        entry->older = removed;
+        removed = entry;
+      }
+      while (what == Sweep::kAllDue && (entry = index.first_due(false)) != nullptr &&
+             tick_elapsed(now, entry->due) >= pending_grace_ms) {
+        if (index.postpone(entry)) continue;
+        take_out(list, entry);
+        entry->older = removed;
+        removed = entry;
+      }
+      removed = ResponseIndex::sort_newest_first(removed);
+    }
+    shrink_to = shrunk_capacity(index);
+    if (shrink_to == index.capacity()) shrink_to = 0;
+  }
+  while (removed != nullptr) {
+    ResponseEntry *next = removed->older;
+    if (what != Sweep::kEverything && removed->arrived) {
+      LOG_PRINT_AS(kClear, "DEBUG", "response info, id=%d, time out=%d ms, time spend=%d ms",
+                   removed->id, removed->timeout_ms, tick_elapsed(now, removed->recv_tick));
+    } else if (what != Sweep::kEverything) {
+      LOG_PRINT_AS(kClear, "DEBUG", "no response has arrived, id=%d, time out=%d ms, time spend=%d ms",
+                   removed->id, removed->timeout_ms, tick_elapsed(now, removed->added_tick));
+    }
+    LOG_PRINT_AS(kClear, "DEBUG", "clear the message id, id=%d", removed->id);
+    free_entry(removed);
+    removed = next;
+  }
+  // Memory is short if this fails; the larger index then simply stays.
+  if (shrink_to != 0) resize_index(list, shrink_to, false);
+}
+
+}  // namespace
+
+void response_data_remove(response_list_t *list, int id) {
+  if (list == nullptr) {
+    LOG_PRINT("WARN", "the list is NULL");
+    return;
+  }
+  ResponseEntry *entry = nullptr;
+  {
+    MutexLock lock(list->mutex);
+    entry = list->index.find(id);
+    if (entry != nullptr) take_out(list, entry);
+  }
+  if (entry == nullptr) return;  // collected, cleared or never added: nothing to tell
+  // Logged like every other removal of an uncollected entry: a late response for this id logs
+  // "can not find the message id", and this line tells the reader why.
+  LOG_PRINT("DEBUG", "clear the message id, id=%d", id);
+  free_entry(entry);
+}
+
+void response_data_expire(response_list_t *list, int32_t pending_grace_ms) {
+  if (list == nullptr) {
+    LOG_PRINT_AS(kClear, "WARN", "the list is NULL");
+    return;
+  }
+  sweep(list, Sweep::kAllDue, pending_grace_ms);
 }
 
 void response_list_set_tick_source(TickSource source) {
   g_tick_source.store(source, std::memory_order_release);
 }
 
-int32_t response_list_waiters(response_list_t *list) {
+int32_t response_list_capacity(response_list_t *list) {
   MutexLock lock(list->mutex);
-  return list->waiters;
+  return list->index.capacity();
 }
 
 }  // namespace vemo
@@ -233,10 +231,20 @@ int32_t response_list_waiters(response_list_t *list) {
 extern "C" VEMO_API response_list_t *response_list_init(void) {
   void *memory = malloc(sizeof(response_list_t));
   if (memory == nullptr) {
-    LOG_PRINT("ERROR", "fail to malloc, size=%d", static_cast<int>(sizeof(response_list_t)));
+    vemo::log_alloc_failure(__func__, sizeof(response_list_t));
     return nullptr;
   }
-  return new (memory) response_list_t();
+  size_t bytes = vemo::ResponseIndex::block_bytes(vemo::ResponseIndex::kMinCapacity);
+  void *block = malloc(bytes);
+  if (block == nullptr) {
+    free(memory);
+    vemo::log_alloc_failure(__func__, bytes);
+    return nullptr;
+  }
+  auto *list = new (memory) response_list_t();
+  vemo::MutexLock lock(list->mutex);
+  list->index.start(block, vemo::ResponseIndex::kMinCapacity);
+  return list;
 }
 
 extern "C" VEMO_API int response_data_add(response_list_t *list, int id, int timeout_ms,
@@ -247,21 +255,38 @@ extern "C" VEMO_API int response_data_add(response_list_t *list, int id, int tim
   }
   auto *entry = static_cast<vemo::ResponseEntry *>(malloc(sizeof(vemo::ResponseEntry)));
   if (entry == nullptr) {
-    LOG_PRINT("ERROR", "fail to malloc, size=%d", static_cast<int>(sizeof(vemo::ResponseEntry)));
+    vemo::log_alloc_failure(__func__, sizeof(vemo::ResponseEntry));
     return VEMO_ERR_NO_RESOURCE;
   }
-  *entry = vemo::ResponseEntry{0, false, timeout_ms, id, nullptr, callback, nullptr, nullptr};
-  vemo::ResponseEntry *old = nullptr;
-  {
-    vemo::MutexLock lock(list->mutex);
-    // At most one entry per id: the new one replaces the old.
-    old = vemo::response_list_find(list, id, vemo::Removal::kAlways);
-    if (old != nullptr) vemo::release_waiters(old);
-    entry->next = list->head;
-    list->head = entry;
+  *entry = vemo::ResponseEntry{};
+  entry->id = id;
+  entry->timeout_ms = timeout_ms;
+  entry->callback = callback;
+  entry->added_tick = vemo::response_now_tick();
+  for (;;) {
+    vemo::ResponseEntry *old = nullptr;
+    int32_t grow_to = 0;
+    {
+      vemo::MutexLock lock(list->mutex);
+      // At most one entry per id: the new one replaces the old (which also makes room for it).
+      old = list->index.find(id);
+      if (old != nullptr) vemo::take_out(list, old);
+      if (!list->index.full()) {
+        list->index.insert(entry);
+      } else {
+        int32_t capacity = list->index.capacity();
+        grow_to = capacity <= INT32_MAX / 2 ? capacity * 2 : 0;
+      }
+    }
+    if (old != nullptr) vemo::free_entry(old);
+    if (grow_to == 0) return VEMO_OK;
+    // Full: the index doubles, allocated with the lock released, and the add tries again.
+    if (!vemo::resize_index(list, grow_to, true)) {
+      free(entry);
+      vemo::log_alloc_failure(__func__, vemo::ResponseIndex::block_bytes(grow_to));
+      return VEMO_ERR_NO_RESOURCE;
+    }
   }
-  if (old != nullptr) vemo::free_entry(old);
-  return VEMO_OK;
 }
 
 int vemo::response_data_deliver(response_list_t *list, int id, const char *response,
@@ -278,14 +303,13 @@ int vemo::response_data_deliver(response_list_t *list, int id, const char *respo
   bool found = false;
   {
     vemo::MutexLock lock(list->mutex);
-    vemo::ResponseEntry *entry = vemo::response_list_find(list, id, vemo::Removal::kNever);
+    vemo::ResponseEntry *entry = list->index.find(id);
     if (entry != nullptr) {
       found = true;
       previous = entry->response;
       entry->response = copy;
-      entry->recv_tick = vemo::now_tick();
-      entry->arrived = true;
-      // Read now: once arrived is set, a collector may free the entry as soon as we unlock.
+      list->index.arrive(entry, vemo::response_now_tick());
+      // Read now: once it has arrived, a collector may free the entry as soon as we unlock.
       *callback = entry->callback;
       vemo::wake_waiters(entry);
     }
@@ -309,19 +333,17 @@ extern "C" VEMO_API int response_data_set_response(response_list_t *list, int id
 }
 
 extern "C" VEMO_API int response_data_get_response(response_list_t *list, int id, char **response) {
-  if (!vemo::response_data_get_response(vemo::ArgCheck{}, list, response)) {
-    return VEMO_ERR_INVALID_ARG;
-  }
+  if (!vemo::collect_args_ok(list, response)) return VEMO_ERR_INVALID_ARG;
   vemo::ResponseEntry *entry = nullptr;
   {
     vemo::MutexLock lock(list->mutex);
-    entry = vemo::response_list_find(list, id, vemo::Removal::kIfArrived);
+    entry = list->index.find(id);
     if (entry != nullptr && !entry->arrived) return VEMO_ERR_NOT_ARRIVED;  // stays in the list
     // Another thread waiting for this id learns at once that it is gone.
-    if (entry != nullptr) vemo::release_waiters(entry);
+    if (entry != nullptr) vemo::take_out(list, entry);
   }
-  if (entry == nullptr) return vemo::response_data_get_response(vemo::Missing{}, id);
-  return vemo::response_data_get_response(entry, response);
+  if (entry == nullptr) return vemo::report_missing(id);
+  return vemo::hand_over(entry, response);
 }
 
 extern "C" VEMO_API void response_data_clear(response_list_t *list, int all) {
@@ -329,40 +351,8 @@ extern "C" VEMO_API void response_data_clear(response_list_t *list, int all) {
     LOG_PRINT("WARN", "the list is NULL");
     return;
   }
-  // Removed entries are chained here and freed once the mutex is released.
-  vemo::ResponseEntry *removed = nullptr;
-  {
-    vemo::MutexLock lock(list->mutex);
-    uint32_t now = vemo::now_tick();
-    vemo::ResponseEntry **link = &list->head;
-    while (*link != nullptr) {
-      vemo::ResponseEntry *entry = *link;
-      if (all == 0) {
-        // Expiry counts from arrival: a pending entry never expires.
-        if (!entry->arrived) {
-          link = &entry->next;
-          continue;
-        }
-        int32_t elapsed = vemo::tick_elapsed(now, entry->recv_tick);
-        if (elapsed < entry->timeout_ms) {
-          link = &entry->next;
-          continue;
-        }
-        LOG_PRINT("DEBUG", "response info, id=%d, time out=%d ms, time spend=%d ms", entry->id,
-                  entry->timeout_ms, elapsed);
-      }
-      *link = entry->next;
-      LOG_PRINT("DEBUG", "clear the message id, id=%d", entry->id);
-      vemo::release_waiters(entry);
-      entry->next = removed;
-      removed = entry;
-    }
-  }
-  while (removed != nullptr) {
-    vemo::ResponseEntry *next = removed->next;
-    vemo::free_entry(removed);
-    removed = next;
-  }
+  // A pending entry never expires here; response_data_expire is the one that also ends those.
+  vemo::sweep(list, all != 0 ? vemo::Sweep::kEverything : vemo::Sweep::kArrivedDue, 0);
 }
 
 extern "C" VEMO_API void response_list_destroy(response_list_t *list) {
@@ -371,6 +361,10 @@ extern "C" VEMO_API void response_list_destroy(response_list_t *list) {
     return;
   }
   response_data_clear(list, 1);
+  {
+    vemo::MutexLock lock(list->mutex);
+    free(list->index.stop());
+  }
   list->~response_list();
   free(list);
 }

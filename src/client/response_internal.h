@@ -1,4 +1,4 @@
-// Response-list operations used by the client's synchronous wait and teardown.
+// Response-list operations used by the client's synchronous wait, timeout task and teardown.
 #ifndef VEMO_CLIENT_RESPONSE_INTERNAL_H
 #define VEMO_CLIENT_RESPONSE_INTERNAL_H
 
@@ -7,6 +7,14 @@
 #include "vemo/response.h"
 
 namespace vemo {
+
+// How long a pending entry outlives its own timeout_ms (counted from its add, the
+// acknowledgement) before response_data_expire drops it. The daemon times a request from when
+// it read it, and its response then still crosses its queue, the socket and our receiving task,
+// so a response may reach us a little after timeout_ms; 5 s allows a loaded daemon that much
+// delay many times over, and costs only the memory of entries whose response never comes, for
+// 5 s more.
+constexpr int32_t kPendingGraceMs = 5000;
 
 // The synchronous wait: collects as response_data_get_response (same codes and log lines),
 // sleeping on a condition between attempts instead of polling. The first attempt comes before
@@ -22,6 +30,22 @@ int response_data_wait_response(response_list_t *list, int id, uint32_t start_ti
 // stored at *callback for the caller to run where it sees fit. Same results and log lines.
 int response_data_deliver(response_list_t *list, int id, const char *response,
                           vemo_response_cb *callback);
+
+// For a synchronous request that gives up: removes the entry of id, pending or arrived, and
+// wakes its waiters (they report VEMO_ERR_NOT_FOUND). Logs "clear the message id, id=%d" at
+// DEBUG when there was an entry, so that the ERROR of a late response for the id has its
+// explanation in the log; nothing when there was none.
+void response_data_remove(response_list_t *list, int id);
+
+// The sweep of the client's timeout task. Does what response_data_clear(list, 0) does (same
+// rule and lines, which name response_data_clear) and also removes each pending entry whose
+// timeout_ms and then pending_grace_ms (kPendingGraceMs) have passed since it was added, logging
+// "no response has arrived, id=%d, time out=%d ms, time spend=%d ms" and "clear the message id,
+// id=%d" at DEBUG. This departs from the exported clear, under which a pending entry never
+// expires: a request whose response never comes would otherwise hold its entry until the
+// teardown, and a response arriving long after its caller gave up would still be stored.
+// Removals are logged newest first, after the list's mutex is released.
+void response_data_expire(response_list_t *list, int32_t pending_grace_ms);
 
 // Wakes every waiter (they get VEMO_ERR_DISCONNECTED); later waits fail at once. The list stays
 // valid until response_list_destroy.

@@ -213,7 +213,9 @@ void task_timeout_check(void *) {
       MutexLock hold(c.lock);
       if (client_serving(c, generation)) c.wake_tasks.wait_for_ms(c.lock, kTimeoutTaskPeriodMs);
     }
-    response_data_clear(c.response_list, 0);
+    // Arrived responses nobody collected in time go, and so do pending entries whose response
+    // never came (beyond their timeout and a grace).
+    response_data_expire(c.response_list, kPendingGraceMs);
   }
   LOG_PRINT("DEBUG", "end the task to check the time out...");
 }

@@ -100,6 +100,7 @@ TEST_F(Extensions, ShutdownWaitsForTheAnswerThenClosesAndUnregisters) {
   ASSERT_EQ(0, vemo_register_callback(slow_answer, nullptr));
   daemon_.set_next_cloud_request_id(3);
   daemon_.send_cloud_request("last words");
+  ASSERT_TRUE(g_in_handler.wait_for(1));
   std::future<int> shut = std::async(std::launch::async, [] { return vemo_shutdown(5000); });
   EXPECT_EQ(std::future_status::timeout, shut.wait_for(std::chrono::milliseconds(50)));
   gate.open();
