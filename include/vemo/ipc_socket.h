@@ -17,8 +17,12 @@
  * - Sends never raise SIGPIPE: a send to a closed peer fails with VEMO_ERR_DISCONNECTED.
  * - Every piece of a frame (magic, length, payload) is sent and received whole, however many
  *   system calls it takes; a frame split in transit is received whole and frames that arrive
- *   together are received one by one. An interrupted call (EINTR) is a failure, not retried;
- *   EAGAIN on a non-blocking descriptor is waited out.
+ *   together are received one by one. A send or receive interrupted by a signal (EINTR) is
+ *   repeated, never a failure, so a signal cannot leave the stream out of step; EAGAIN on a
+ *   non-blocking descriptor is waited out. Only the wait of ipc_socket_recv_timed ends at a
+ *   signal (see there).
+ * - A send hands header and text to the socket together, from the caller's text: it allocates
+ *   nothing.
  * - A NULL text or output pointer is refused with VEMO_ERR_INVALID_ARG.
  */
 #ifndef VEMO_IPC_SOCKET_H
@@ -48,7 +52,7 @@ VEMO_API int ipc_socket_init_as_server(const char *path);
  * unusable (NULL, empty or too long, as for the service end). */
 VEMO_API int ipc_socket_init_as_client(const char *path);
 
-/* Sends text as one frame. 0, VEMO_ERR_NO_RESOURCE or VEMO_ERR_DISCONNECTED. */
+/* Sends text as one frame. 0 or VEMO_ERR_DISCONNECTED. */
 VEMO_API int ipc_socket_send(int fd, const char *text);
 
 /* Receives one frame into a new heap text at *text. 0, VEMO_ERR_PEER_CLOSED (the stream ended

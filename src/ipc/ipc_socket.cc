@@ -13,6 +13,7 @@
 #include <memory>
 
 #include "ipc/frame_codec.h"
+#include "ipc/frame_send.h"
 #include "util/sys.h"
 #include "vemo/codes.h"
 #include "vemo/util.h"
@@ -73,39 +74,20 @@ socklen_t make_address(const char *path, size_t length, struct sockaddr_un *addr
 }
 
 // A non-blocking descriptor that reported EAGAIN is waited on until it is ready, without limit,
-// as a blocking call would have waited. False (errno set) when the wait itself fails.
+// as a blocking call would have waited. False (errno set) when the wait itself fails; a signal
+// that interrupts it only restarts it.
 bool wait_ready(int fd, short events) {
-  struct pollfd entry = {fd, events, 0};
-  return sys::ops().poll(&entry, 1, -1) >= 0;
-}
-
-// Hands buffer to the socket until all count bytes are taken. MSG_NOSIGNAL: a peer that has
-// closed gives EPIPE and the failure path, never a SIGPIPE that ends the application.
-// EINTR is not retried: an interrupted send is a failure.
-// Returns count when complete; otherwise the bytes taken before the failure, or -1 when the
-// first call already failed.
-ssize_t send_buffer(int fd, const uint8_t *buffer, size_t count) {
-  size_t done = 0;
-  while (done < count) {
-    ssize_t taken = sys::ops().send(fd, buffer + done, count - done, MSG_NOSIGNAL);
-    if (taken > 0) {
-      done += static_cast<size_t>(taken);
-      continue;
-    }
-    if (taken == 0) break;  // nothing taken and no error: retrying could spin forever
-    int error = errno;
-    if ((error == EAGAIN || error == EWOULDBLOCK)) {
-      if (wait_ready(fd, POLLOUT)) continue;
-      error = errno;
-    }
-    LOG_PRINT("ERROR", "fail to send buffer, error=%d", error);
-    return done > 0 ? static_cast<ssize_t>(done) : -1;
+  for (;;) {
+    struct pollfd entry = {fd, events, 0};
+    if (sys::ops().poll(&entry, 1, -1) >= 0) return true;
+    if (errno != EINTR) return false;
   }
-  return static_cast<ssize_t>(done);
 }
 
 // Reads count bytes into buffer, as many recv calls as it takes, so that a piece that arrives
-// split is read whole and a following frame stays in the stream. EINTR is not retried.
+// split is read whole and a following frame stays in the stream.
+// EINTR is retried: a signal handler installed without SA_RESTART must not cut a frame in two
+// and leave the stream out of step (the transport used to fail the receive there).
 // Returns count when complete; otherwise the bytes read before the peer closed or a receive
 // failed (so 0 when the peer closed before any byte of the piece), or -1 when the first call
 // already failed.
@@ -119,6 +101,7 @@ ssize_t recv_buffer(int fd, size_t count, uint8_t *buffer) {
     }
     if (got == 0) break;  // the peer has closed
     int error = errno;
+    if (error == EINTR) continue;
     if (error == EAGAIN || error == EWOULDBLOCK) {
       if (wait_ready(fd, POLLIN)) continue;
       error = errno;
@@ -219,35 +202,10 @@ extern "C" VEMO_API int ipc_socket_init_as_client(const char *path) {
   return fd.release();  // left blocking
 }
 
+// Header and text leave in one sendmsg, straight from the caller's text: no allocation, no copy.
 extern "C" VEMO_API int ipc_socket_send(int fd, const char *text) {
-  if (text == nullptr) {
-    LOG_PRINT("ERROR", "the text is NULL");
-    return VEMO_ERR_INVALID_ARG;
-  }
-  size_t length = strlen(text);
-  // A frame the receiving end would refuse is not sent: the receiver would have to give up the
-  // whole connection over it.
-  if (!frame::payload_length_ok(length)) {
-    LOG_PRINT("ERROR", "the length of the message is too long, size=%zu", length);
-    return VEMO_ERR_DISCONNECTED;
-  }
-  size_t size = frame::frame_size(length);
-  // Header and text in one buffer: one allocation, and one send call whenever the socket takes
-  // the frame whole (a blocking Unix stream socket does).
-  vemo::HeapBuffer<uint8_t> buffer(static_cast<uint8_t *>(sys::ops().malloc(size)));
-  if (!buffer) {
-    LOG_PRINT("ERROR", "fail to malloc, size=%d", static_cast<int>(size));
-    return VEMO_ERR_NO_RESOURCE;
-  }
-  frame::encode(text, static_cast<uint32_t>(length), buffer.get());
-  ssize_t sent = vemo::send_buffer(fd, buffer.get(), size);
-  buffer.reset();
-  if (sent != static_cast<ssize_t>(size)) {
-    LOG_PRINT("ERROR", "fail to send the message, code=%d", static_cast<int>(sent));
-    return VEMO_ERR_DISCONNECTED;
-  }
-  LOG_PRINT("INFO", "IPC send to %d: %s", fd, text);
-  return VEMO_OK;
+  bool stream_cut = false;
+  return vemo::frame_send_unbounded(fd, text, &stream_cut);
 }
 
 extern "C" VEMO_API int ipc_socket_recv(int fd, char **text) {

@@ -26,6 +26,9 @@ int real_accept(int fd, struct sockaddr *address, socklen_t *length) {
 ssize_t real_send(int fd, const void *buffer, size_t count, int flags) {
   return ::send(fd, buffer, count, flags);
 }
+ssize_t real_sendmsg(int fd, const struct msghdr *message, int flags) {
+  return ::sendmsg(fd, message, flags);
+}
 ssize_t real_recv(int fd, void *buffer, size_t count, int flags) {
   return ::recv(fd, buffer, count, flags);
 }
@@ -40,9 +43,9 @@ int real_unlink(const char *path) { return ::unlink(path); }
 void *real_malloc(size_t size) { return ::malloc(size); }
 
 const Ops kRealOps = {
-    real_socket, real_bind,     real_listen, real_connect, real_accept,
-    real_send,   real_recv,     real_poll,   real_fcntl,   real_shutdown,
-    real_close,  real_access,   real_unlink, real_malloc,
+    real_socket,   real_bind,  real_listen, real_connect, real_accept,
+    real_send,     real_sendmsg, real_recv, real_poll,    real_fcntl,
+    real_shutdown, real_close, real_access, real_unlink,  real_malloc,
 };
 
 std::atomic<const Ops *> g_ops{&kRealOps};

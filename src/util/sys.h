@@ -25,6 +25,8 @@ struct Ops {
   int (*connect)(int fd, const struct sockaddr *address, socklen_t length);
   int (*accept)(int fd, struct sockaddr *address, socklen_t *length);
   ssize_t (*send)(int fd, const void *buffer, size_t count, int flags);
+  // A frame's header and text go out together from two places, without being copied into one.
+  ssize_t (*sendmsg)(int fd, const struct msghdr *message, int flags);
   ssize_t (*recv)(int fd, void *buffer, size_t count, int flags);
   int (*poll)(struct pollfd *fds, nfds_t count, int timeout_ms);
   // fcntl is variadic; every command we use takes one int argument (or none, then 0).

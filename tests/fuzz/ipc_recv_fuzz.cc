@@ -1,7 +1,7 @@
 // Fuzz entry point for the receive path: the input is what a peer wrote on the socket before
-// closing it. Every receive result is checked against a plain reference reading of the same
-// bytes, so a wrong code, a wrong text or a stream position out of step is a crash, not only a
-// memory error.
+// closing it. Every result of ipc_socket_recv, and of a FrameReader reading the same bytes, is
+// checked against a plain reference reading of them, so a wrong code, a wrong text or a stream
+// position out of step is a crash, not only a memory error.
 #include <errno.h>
 #include <fcntl.h>
 #include <stdint.h>
@@ -12,6 +12,7 @@
 #include <unistd.h>
 
 #include "ipc/frame_codec.h"
+#include "ipc/frame_reader.h"
 #include "util/log_internal.h"
 #include "vemo/ipc_socket.h"
 
@@ -70,6 +71,43 @@ void check(bool ok, const char *what) {
   }
 }
 
+// A socket whose peer wrote what fits of data and closed; *written: how much that was.
+int stream_of(const uint8_t *data, size_t size, size_t *written) {
+  int fds[2];
+  check(socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0, "socketpair");
+  // Whatever fits in the socket's queue is the input; the rest is dropped, never blocked on.
+  fcntl(fds[1], F_SETFL, O_NONBLOCK);
+  ssize_t n = size > 0 ? write(fds[1], data, size) : 0;
+  *written = n > 0 ? static_cast<size_t>(n) : 0;
+  close(fds[1]);
+  return fds[0];
+}
+
+// The reader agrees with the reference up to the first failure, and then keeps that failure.
+void check_reader(const uint8_t *data, size_t size) {
+  size_t written = 0;
+  int fd = stream_of(data, size, &written);
+  Reference reference{data, written};
+  {
+    vemo::FrameReader reader(fd);
+    for (size_t round = 0; round <= written + 1; ++round) {
+      Expected expected = reference.next();
+      const char *text = nullptr;
+      uint32_t length = 0;
+      int rc = reader.next(0, &text, &length);
+      check(rc == expected.code, "reader: result code differs from the reference");
+      if (rc != 0) {
+        check(reader.next(0, &text, &length) == rc, "reader: a failure did not stay");
+        break;
+      }
+      check(length == expected.length, "reader: length differs from the payload's");
+      check(memcmp(text, expected.text, length) == 0, "reader: text differs from the payload");
+      check(text[length] == '\0', "reader: text not terminated");
+    }
+  }
+  close(fd);
+}
+
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
@@ -81,22 +119,17 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   }();
   (void)sink;
 
-  int fds[2];
-  check(socketpair(AF_UNIX, SOCK_STREAM, 0, fds) == 0, "socketpair");
-  // Whatever fits in the socket's queue is the input; the rest is dropped, never blocked on.
-  fcntl(fds[1], F_SETFL, O_NONBLOCK);
-  ssize_t written = size > 0 ? write(fds[1], data, size) : 0;
-  if (written < 0) written = 0;
-  close(fds[1]);
-
+  check_reader(data, size);
+  size_t written = 0;
+  const int fd = stream_of(data, size, &written);
   char sentinel;
-  Reference reference{data, static_cast<size_t>(written)};
+  Reference reference{data, written};
   // Every receive takes at least one byte or reports the end; the bound catches a loop that
   // does neither.
-  for (size_t round = 0; round <= static_cast<size_t>(written) + 1; ++round) {
+  for (size_t round = 0; round <= written + 1; ++round) {
     Expected expected = reference.next();
     char *out = &sentinel;
-    int rc = ipc_socket_recv(fds[0], &out);
+    int rc = ipc_socket_recv(fd, &out);
     check(rc == expected.code, "result code differs from the reference");
     if (rc == 0) {
       check(out != nullptr && out != &sentinel, "no text on success");
@@ -108,7 +141,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     check(out == &sentinel || out == nullptr, "output written on failure");
     // The reference expects the end of the stream only once nothing more can be read.
     if (rc == VEMO_ERR_PEER_CLOSED) {
-      close(fds[0]);
+      close(fd);
       return 0;
     }
   }

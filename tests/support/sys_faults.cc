@@ -36,6 +36,24 @@ ssize_t fake_send(int fd, const void *buffer, size_t count, int flags) {
   size_t chunk = current().send_chunk;
   return real().send(fd, buffer, chunk > 0 ? std::min(chunk, count) : count, flags);
 }
+// Scripted as send: both are "a send" to the tests. A chunk cap trims the parts handed over.
+ssize_t fake_sendmsg(int fd, const struct msghdr *message, int flags) {
+  current().last_send_flags = flags;
+  if (current().send.next()) return -1;
+  size_t chunk = current().send_chunk;
+  if (chunk == 0) return real().sendmsg(fd, message, flags);
+  struct iovec parts[8];
+  struct msghdr trimmed = *message;
+  trimmed.msg_iov = parts;
+  trimmed.msg_iovlen = 0;
+  for (size_t i = 0; i < message->msg_iovlen && i < 8 && chunk > 0; ++i) {
+    parts[i] = message->msg_iov[i];
+    parts[i].iov_len = std::min(parts[i].iov_len, chunk);
+    chunk -= parts[i].iov_len;
+    ++trimmed.msg_iovlen;
+  }
+  return real().sendmsg(fd, &trimmed, flags);
+}
 ssize_t fake_recv(int fd, void *buffer, size_t count, int flags) {
   if (current().recv.next()) return -1;
   size_t chunk = current().recv_chunk;
@@ -88,6 +106,7 @@ SysFaults::SysFaults() : ops_(vemo::sys::real_ops()) {
   ops_.listen = fake_listen;
   ops_.connect = fake_connect;
   ops_.send = fake_send;
+  ops_.sendmsg = fake_sendmsg;
   ops_.recv = fake_recv;
   ops_.poll = fake_poll;
   ops_.fcntl = fake_fcntl;

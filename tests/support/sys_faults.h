@@ -39,9 +39,10 @@ class SysFaults {
   SysFaults(const SysFaults &) = delete;
   SysFaults &operator=(const SysFaults &) = delete;
 
+  // send scripts send and sendmsg alike.
   CallScript socket, bind, listen, connect, send, recv, poll, fcntl, shutdown, close, malloc;
 
-  // At most this many bytes per send/recv call (0: no cap).
+  // At most this many bytes per send/sendmsg/recv call (0: no cap).
   std::atomic<size_t> send_chunk{0};
   std::atomic<size_t> recv_chunk{0};
 

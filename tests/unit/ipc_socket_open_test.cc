@@ -72,25 +72,18 @@ TEST_F(IpcSocketOpen, ServerAndClientConnectAndExchangeFrames) {
   EXPECT_TRUE(file_exists(path_.path()));  // the transport never removes the socket file
 }
 
-TEST_F(IpcSocketOpen, ServerEndIsListeningNonBlockingAndCloseOnExec) {
+TEST_F(IpcSocketOpen, ServerEndListensNonBlockingClientEndBlocksBothCloseOnExec) {
   int server = ipc_socket_init_as_server(path_.c_str());
   ASSERT_GE(server, 0);
+  int client = ipc_socket_init_as_client(path_.c_str());
+  ASSERT_GE(client, 0);
   int listening = 0;
   socklen_t size = sizeof listening;
   ASSERT_EQ(getsockopt(server, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size), 0);
   EXPECT_EQ(listening, 1);
   EXPECT_NE(fcntl(server, F_GETFL) & O_NONBLOCK, 0);
-  EXPECT_NE(fcntl(server, F_GETFD) & FD_CLOEXEC, 0);
-  close(server);
-}
-
-TEST_F(IpcSocketOpen, ClientEndStaysBlockingAndCloseOnExec) {
-  int server = ipc_socket_init_as_server(path_.c_str());
-  ASSERT_GE(server, 0);
-  int client = ipc_socket_init_as_client(path_.c_str());
-  ASSERT_GE(client, 0);
   EXPECT_EQ(fcntl(client, F_GETFL) & O_NONBLOCK, 0);
-  EXPECT_NE(fcntl(client, F_GETFD) & FD_CLOEXEC, 0);
+  for (int fd : {server, client}) EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
   close(client);
   close(server);
 }
@@ -107,24 +100,42 @@ TEST_F(IpcSocketOpen, ServerOnExistingFileFailsToBindAndKeepsTheFile) {
             Messages{"fail to bind the unix socket, error=" + std::to_string(EADDRINUSE)});
 }
 
-TEST_F(IpcSocketOpen, ServerSocketCreationFailure) {
-  SysFaults sys;
-  sys.socket.fail_with(EMFILE);
-  EXPECT_EQ(ipc_socket_init_as_server(path_.c_str()), VEMO_ERR_NO_SERVER);
-  EXPECT_EQ(sys.bind.calls.load(), 0);
-  EXPECT_EQ(log_.messages("ipc_socket_init_as_server", "ERROR"),
-            Messages{"fail to create the unix socket, error=24"});
-}
-
-TEST_F(IpcSocketOpen, ServerListenFailureClosesTheSocket) {
-  SysFaults sys;
-  sys.listen.fail_with(EOPNOTSUPP);
-  int before = open_descriptor_count();
-  EXPECT_EQ(ipc_socket_init_as_server(path_.c_str()), VEMO_ERR_NO_SERVER);
-  EXPECT_EQ(sys.close.calls.load(), 1);
-  EXPECT_EQ(open_descriptor_count(), before);
-  EXPECT_EQ(log_.messages("ipc_socket_init_as_server", "ERROR"),
-            Messages{"fail to listen to the unix socket, error=" + std::to_string(EOPNOTSUPP)});
+// A failed step closes what the earlier steps opened, and says which step failed.
+TEST_F(IpcSocketOpen, FailedStepsLeakNoDescriptor) {
+  const struct {
+    bool server;
+    int errno_value;
+    vemo_test::CallScript SysFaults::*call;
+    int code;
+    std::string line;
+  } cases[] = {
+      {true, EMFILE, &SysFaults::socket, VEMO_ERR_NO_SERVER,
+       "fail to create the unix socket, error=24"},
+      {true, EOPNOTSUPP, &SysFaults::listen, VEMO_ERR_NO_SERVER,
+       "fail to listen to the unix socket, error=" + std::to_string(EOPNOTSUPP)},
+      {false, ENFILE, &SysFaults::socket, VEMO_ERR_NO_RESOURCE,
+       "fail to create the unix socket, error=23"},
+      {false, 0, nullptr, VEMO_ERR_DISCONNECTED,  // no socket file
+       "fail to connect the unix socket, error=" + std::to_string(ENOENT)},
+      {false, ECONNREFUSED, nullptr, VEMO_ERR_DISCONNECTED,  // a file, but nobody listens
+       "fail to connect the unix socket, error=" + std::to_string(ECONNREFUSED)},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.line);
+    log_.clear();
+    SysFaults sys;
+    if (c.call != nullptr) (sys.*c.call).fail_with(c.errno_value);
+    if (c.errno_value == ECONNREFUSED) close(ipc_socket_init_as_server(path_.c_str()));
+    int before = open_descriptor_count();
+    EXPECT_EQ(c.server ? ipc_socket_init_as_server(path_.c_str())
+                       : ipc_socket_init_as_client(path_.c_str()),
+              c.code);
+    EXPECT_EQ(open_descriptor_count(), before);
+    EXPECT_EQ(log_.messages(c.server ? "ipc_socket_init_as_server" : "ipc_socket_init_as_client",
+                            "ERROR"),
+              Messages{c.line});
+    unlink(path_.c_str());
+  }
 }
 
 TEST_F(IpcSocketOpen, ServerWhoseFlagsCannotBeReadIsLeftBlocking) {
@@ -135,36 +146,6 @@ TEST_F(IpcSocketOpen, ServerWhoseFlagsCannotBeReadIsLeftBlocking) {
   EXPECT_EQ(sys.fcntl.calls.load(), 1);  // no F_SETFL with a garbage flag word
   EXPECT_EQ(fcntl(server, F_GETFL) & O_NONBLOCK, 0);
   close(server);
-}
-
-TEST_F(IpcSocketOpen, ClientWithNoListenerFailsAndLeaksNoDescriptor) {
-  SysFaults sys;
-  int before = open_descriptor_count();
-  EXPECT_EQ(ipc_socket_init_as_client(path_.c_str()), VEMO_ERR_DISCONNECTED);
-  EXPECT_EQ(sys.close.calls.load(), 1);
-  EXPECT_EQ(open_descriptor_count(), before);
-  EXPECT_EQ(log_.messages("ipc_socket_init_as_client", "ERROR"),
-            Messages{"fail to connect the unix socket, error=" + std::to_string(ENOENT)});
-}
-
-TEST_F(IpcSocketOpen, ClientOnStaleSocketFileIsRefused) {
-  int server = ipc_socket_init_as_server(path_.c_str());
-  ASSERT_GE(server, 0);
-  close(server);  // the file stays, nobody listens
-  int before = open_descriptor_count();
-  EXPECT_EQ(ipc_socket_init_as_client(path_.c_str()), VEMO_ERR_DISCONNECTED);
-  EXPECT_EQ(open_descriptor_count(), before);
-  EXPECT_EQ(log_.messages("ipc_socket_init_as_client", "ERROR"),
-            Messages{"fail to connect the unix socket, error=" + std::to_string(ECONNREFUSED)});
-}
-
-TEST_F(IpcSocketOpen, ClientSocketCreationFailureIsNoResource) {
-  SysFaults sys;
-  sys.socket.fail_with(ENFILE);
-  EXPECT_EQ(ipc_socket_init_as_client(path_.c_str()), VEMO_ERR_NO_RESOURCE);
-  EXPECT_EQ(sys.connect.calls.load(), 0);
-  EXPECT_EQ(log_.messages("ipc_socket_init_as_client", "ERROR"),
-            Messages{"fail to create the unix socket, error=23"});
 }
 
 TEST_F(IpcSocketOpen, LongestPathThatFitsIsAccepted) {
@@ -178,35 +159,26 @@ TEST_F(IpcSocketOpen, LongestPathThatFitsIsAccepted) {
   unlink(path.c_str());
 }
 
-TEST_F(IpcSocketOpen, OverlongPathIsRefusedBeforeAnySocket) {
-  SysFaults sys;
-  std::string path = path_of_length(path_.directory(), kLongestPath + 1);
-  EXPECT_EQ(ipc_socket_init_as_server(path.c_str()), VEMO_ERR_NO_SERVER);
-  EXPECT_EQ(ipc_socket_init_as_client(path.c_str()), VEMO_ERR_DISCONNECTED);
-  EXPECT_EQ(sys.socket.calls.load(), 0);
-  std::string message = "the socket path is too long, size=" + std::to_string(kLongestPath + 1);
-  EXPECT_EQ(log_.messages("ipc_socket_init_as_server", "ERROR"), Messages{message});
-  EXPECT_EQ(log_.messages("ipc_socket_init_as_client", "ERROR"), Messages{message});
-}
-
-TEST_F(IpcSocketOpen, NullPathIsRefusedBeforeAnySocket) {
-  SysFaults sys;
-  EXPECT_EQ(ipc_socket_init_as_server(nullptr), VEMO_ERR_NO_SERVER);
-  EXPECT_EQ(ipc_socket_init_as_client(nullptr), VEMO_ERR_DISCONNECTED);
-  EXPECT_EQ(sys.socket.calls.load(), 0);
-  EXPECT_EQ(log_.messages("ipc_socket_init_as_server", "ERROR"), Messages{"the socket path is NULL"});
-  EXPECT_EQ(log_.messages("ipc_socket_init_as_client", "ERROR"), Messages{"the socket path is NULL"});
-}
-
-TEST_F(IpcSocketOpen, EmptyPathIsRefusedBeforeAnySocket) {
-  SysFaults sys;
-  EXPECT_EQ(ipc_socket_init_as_server(""), VEMO_ERR_NO_SERVER);
-  EXPECT_EQ(ipc_socket_init_as_client(""), VEMO_ERR_DISCONNECTED);
-  EXPECT_EQ(sys.socket.calls.load(), 0);
-  EXPECT_EQ(log_.messages("ipc_socket_init_as_server", "ERROR"),
-            Messages{"the socket path is empty"});
-  EXPECT_EQ(log_.messages("ipc_socket_init_as_client", "ERROR"),
-            Messages{"the socket path is empty"});
+TEST_F(IpcSocketOpen, UnusablePathsAreRefusedBeforeAnySocket) {
+  const std::string overlong = path_of_length(path_.directory(), kLongestPath + 1);
+  const struct {
+    const char *path;
+    std::string line;
+  } cases[] = {
+      {nullptr, "the socket path is NULL"},
+      {"", "the socket path is empty"},
+      {overlong.c_str(), "the socket path is too long, size=" + std::to_string(kLongestPath + 1)},
+  };
+  for (const auto &c : cases) {
+    SCOPED_TRACE(c.line);
+    log_.clear();
+    SysFaults sys;
+    EXPECT_EQ(ipc_socket_init_as_server(c.path), VEMO_ERR_NO_SERVER);
+    EXPECT_EQ(ipc_socket_init_as_client(c.path), VEMO_ERR_DISCONNECTED);
+    EXPECT_EQ(sys.socket.calls.load(), 0);
+    EXPECT_EQ(log_.messages("ipc_socket_init_as_server", "ERROR"), Messages{c.line});
+    EXPECT_EQ(log_.messages("ipc_socket_init_as_client", "ERROR"), Messages{c.line});
+  }
 }
 
 }  // namespace
