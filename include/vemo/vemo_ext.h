@@ -55,6 +55,18 @@ typedef struct vemo_hello_cloud_ex_cb {
 VEMO_API int vemo_register_callback_ex(vemo_cloud_request_ex_cb callback,
                                        const vemo_hello_cloud_ex_cb_t *hello, void *user);
 
+/* ---- Requests with a user pointer, told of failures -----------------------------------------
+ * The callback of vemo_send_request_async_ex receives the pointer given with the request and the
+ * outcome: code 0 with the response text, or the daemon's non-zero code with a NULL text when
+ * the cloud failed the request (a response notification carrying inner_error_code and the
+ * request id). Such a failure also completes the request for vemo_get_response and
+ * vemo_send_request_sync, which return the daemon's code at once instead of waiting out their
+ * timeout (the classic library only logged it). */
+typedef void (*vemo_response_ex_cb)(int id, int code, const char *response, void *user);
+
+VEMO_API int vemo_send_request_async_ex(const char *request, int timeout_ms, int flag,
+                                        vemo_response_ex_cb callback, void *user);
+
 /* ---- Ending the client on purpose ----------------------------------------------------------
  * Waits up to timeout_ms for running handlers and the answers they are sending, withdraws the
  * registration if there is one, and closes the connection. Later calls connect again, as after

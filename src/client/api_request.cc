@@ -16,7 +16,7 @@ constexpr int kDefaultResponseTimeoutMs = 5000;
 
 struct PendingResponse {
   int timeout_ms;
-  vemo_response_cb callback;
+  ResponseCallbacks callbacks;
 };
 
 // Runs on the receiving task as the acknowledgement arrives, before the sender wakes: the
@@ -26,19 +26,19 @@ int enter_request_id(void *ctx, int value) {
   if (value < 0) return 0;  // refused: nothing to wait for
   PendingResponse *pending = static_cast<PendingResponse *>(ctx);
   int timeout = pending->timeout_ms >= 0 ? pending->timeout_ms : kDefaultResponseTimeoutMs;
-  return response_data_add(client().response_list, value, timeout, pending->callback);
+  return response_data_add_with(client().response_list, value, timeout, pending->callbacks);
 }
 
 // vemo_send_request_async within deadline; generation receives the start-up whose response
 // list took the request id.
-int send_request(const char *request, int timeout_ms, int flag, vemo_response_cb callback,
+int send_request(const char *request, int timeout_ms, int flag, const ResponseCallbacks &callbacks,
                  const Deadline &deadline, uint32_t *generation) {
   MessageText message = device_request_text(request, timeout_ms, flag);
   if (!message.ok()) {
     LOG_PRINT_AS("vemo_send_request_async", "ERROR", "fail to create a new json object");
     return VEMO_ERR_NO_RESOURCE;
   }
-  PendingResponse pending = {timeout_ms, callback};
+  PendingResponse pending = {timeout_ms, callbacks};
   MsgDeliverHook hook = {enter_request_id, &pending};
   Exchange exchange;
   exchange.hook = &hook;
@@ -69,7 +69,20 @@ extern "C" VEMO_API int vemo_send_request_async(const char *request, int timeout
     return VEMO_ERR_INVALID_ARG;
   }
   uint32_t generation = 0;
-  return send_request(request, timeout_ms, flag, callback, deadline, &generation);
+  return send_request(request, timeout_ms, flag, ResponseCallbacks{callback, nullptr, nullptr},
+                      deadline, &generation);
+}
+
+extern "C" VEMO_API int vemo_send_request_async_ex(const char *request, int timeout_ms, int flag,
+                                                   vemo_response_ex_cb callback, void *user) {
+  Deadline deadline = Deadline::after_ms(timeout_ms, get_tick_count());
+  if (request == nullptr) {
+    LOG_PRINT("ERROR", "the request is NULL");
+    return VEMO_ERR_INVALID_ARG;
+  }
+  uint32_t generation = 0;
+  return send_request(request, timeout_ms, flag, ResponseCallbacks{nullptr, callback, user},
+                      deadline, &generation);
 }
 
 extern "C" VEMO_API int vemo_send_request_sync(const char *request, int timeout_ms, int flag,
@@ -83,7 +96,7 @@ extern "C" VEMO_API int vemo_send_request_sync(const char *request, int timeout_
     return VEMO_ERR_INVALID_ARG;
   }
   uint32_t generation = 0;
-  int id = send_request(request, timeout_ms, flag, nullptr, deadline, &generation);
+  int id = send_request(request, timeout_ms, flag, ResponseCallbacks(), deadline, &generation);
   if (id < 0) return id;
   uint32_t joined = 0;
   ClientUse use(deadline, &joined);  // keeps the list alive while this thread waits on it

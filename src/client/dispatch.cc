@@ -49,13 +49,16 @@ struct HandlerWork {
   HandlerKind kind;
   Connection *conn;  // a reference; null for response callbacks
   int id;
-  vemo_response_cb callback;
+  int code;
+  bool has_text;
+  ResponseCallbacks callbacks;
   char *text() { return reinterpret_cast<char *>(this + 1); }
 };
 
 void run_handler_work(Work *work) {
   auto *item = reinterpret_cast<HandlerWork *>(work);
-  int rc = run_handler(item->kind, item->conn, item->id, item->text(), item->callback);
+  int rc = run_handler(item->kind, item->conn, item->id, item->has_text ? item->text() : nullptr,
+                       item->callbacks, item->code);
   if (rc != 0) LOG_PRINT_AS("task_dispatch", "ERROR", "fail to dispatch the message, error=%d", rc);
   if (item->conn != nullptr) item->conn->unref();
   free(item);
@@ -64,9 +67,10 @@ void run_handler_work(Work *work) {
 }  // namespace
 
 int run_handler(HandlerKind kind, Connection *conn, int id, const char *text,
-                vemo_response_cb callback) {
+                const ResponseCallbacks &callbacks, int code) {
   if (kind == HandlerKind::kResponse) {
-    callback(id, text);
+    if (code == 0 && callbacks.classic != nullptr) callbacks.classic(id, text);
+    if (callbacks.ex != nullptr) callbacks.ex(id, code, text, callbacks.user);
     return 0;
   }
   HandlerSet h = client_handlers();
@@ -107,7 +111,7 @@ int run_handler(HandlerKind kind, Connection *conn, int id, const char *text,
 }
 
 int queue_handler(HandlerKind kind, Connection *conn, int id, const char *text,
-                  vemo_response_cb callback) {
+                  const ResponseCallbacks &callbacks, int code) {
   size_t length = text != nullptr ? strlen(text) : 0;
   size_t bytes = sizeof(HandlerWork) + length + 1;
   auto *item = static_cast<HandlerWork *>(malloc(bytes));
@@ -119,7 +123,9 @@ int queue_handler(HandlerKind kind, Connection *conn, int id, const char *text,
   item->kind = kind;
   item->conn = conn != nullptr ? conn->ref() : nullptr;
   item->id = id;
-  item->callback = callback;
+  item->code = code;
+  item->has_text = text != nullptr;
+  item->callbacks = callbacks;
   memcpy(item->text(), text != nullptr ? text : "", length + 1);
   bool failed_start = false;
   int rc = handler_pool().submit(&item->work, &failed_start);
@@ -145,8 +151,8 @@ namespace {
 // The handler runs at once on the greeting; otherwise it is queued (its result is then logged
 // where it runs).
 int hand_over(const DispatchContext &ctx, HandlerKind kind, int id, const char *text) {
-  if (ctx.greeting) return run_handler(kind, ctx.conn, id, text, nullptr);
-  return queue_handler(kind, ctx.conn, id, text, nullptr);
+  if (ctx.greeting) return run_handler(kind, ctx.conn, id, text, ResponseCallbacks(), 0);
+  return queue_handler(kind, ctx.conn, id, text);
 }
 
 int dispatch_request(const cJSON *root, const char *name, const DispatchContext &ctx) {
@@ -237,6 +243,16 @@ int dispatch_notify(const cJSON *root, const DispatchContext &ctx) {
   }
   if (code != 0) {
     LOG_PRINT("ERROR", "the error code of the response=%d", code);
+    // The cloud failed a request: when the notification names it, the request completes with
+    // the daemon's code, so its caller learns it at once instead of waiting out its timeout
+    // (the classic client only logged it). The line above and the result stay.
+    const cJSON *failed = json_item(root, key::kResult);
+    int id = 0;
+    ResponseCallbacks callbacks;
+    if (!ctx.greeting && failed != nullptr && json_int(failed, "id", &id) &&
+        response_data_fail(client().response_list, id, code, &callbacks) && callbacks.ex != nullptr) {
+      queue_handler(HandlerKind::kResponse, nullptr, id, nullptr, callbacks, code);
+    }
     return code;
   }
   const cJSON *result = json_item(root, key::kResult);
@@ -255,9 +271,11 @@ int dispatch_notify(const cJSON *root, const DispatchContext &ctx) {
     return VEMO_ERR_MISSING_KEY;
   }
   if (ctx.greeting) return response_data_set_response(client().response_list, id, response);
-  vemo_response_cb callback = nullptr;
-  int rc = response_data_deliver(client().response_list, id, response, &callback);
-  if (rc == 0 && callback != nullptr) queue_handler(HandlerKind::kResponse, nullptr, id, response, callback);
+  ResponseCallbacks callbacks;
+  int rc = response_data_deliver(client().response_list, id, response, &callbacks);
+  if (rc == 0 && (callbacks.classic != nullptr || callbacks.ex != nullptr)) {
+    queue_handler(HandlerKind::kResponse, nullptr, id, response, callbacks);
+  }
   return rc;
 }
 

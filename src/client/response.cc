@@ -82,8 +82,10 @@ int report_missing(int id) {
 // once more.
 int hand_over(ResponseEntry *taken, char **response) {
   char *text = taken->response;
+  const int code = taken->code;
   taken->response = nullptr;
   free_entry(taken);
+  if (code != 0) return code;  // the cloud failed the request: its code, and no text
   if (text == nullptr) {
     // The copy failed when the response was stored: the response is lost.
     LOG_PRINT_AS(kCollect, "ERROR", "fail to get the response");
@@ -249,19 +251,27 @@ extern "C" VEMO_API response_list_t *response_list_init(void) {
 
 extern "C" VEMO_API int response_data_add(response_list_t *list, int id, int timeout_ms,
                                           vemo_response_cb callback) {
+  return vemo::response_data_add_with(list, id, timeout_ms, vemo::ResponseCallbacks{callback, nullptr, nullptr});
+}
+
+int vemo::response_data_add_with(response_list_t *list, int id, int timeout_ms,
+                                 const ResponseCallbacks &callbacks) {
+  static const char kAdd[] = "response_data_add";  // the lines name the exported operation
   if (list == nullptr) {
-    LOG_PRINT("WARN", "the list is NULL");
+    LOG_PRINT_AS(kAdd, "WARN", "the list is NULL");
     return VEMO_ERR_INVALID_ARG;
   }
   auto *entry = static_cast<vemo::ResponseEntry *>(malloc(sizeof(vemo::ResponseEntry)));
   if (entry == nullptr) {
-    vemo::log_alloc_failure(__func__, sizeof(vemo::ResponseEntry));
+    vemo::log_alloc_failure(kAdd, sizeof(vemo::ResponseEntry));
     return VEMO_ERR_NO_RESOURCE;
   }
   *entry = vemo::ResponseEntry{};
   entry->id = id;
   entry->timeout_ms = timeout_ms;
-  entry->callback = callback;
+  entry->callback = callbacks.classic;
+  entry->callback_ex = callbacks.ex;
+  entry->user = callbacks.user;
   entry->added_tick = vemo::response_now_tick();
   for (;;) {
     vemo::ResponseEntry *old = nullptr;
@@ -283,15 +293,15 @@ extern "C" VEMO_API int response_data_add(response_list_t *list, int id, int tim
     // Full: the index doubles, allocated with the lock released, and the add tries again.
     if (!vemo::resize_index(list, grow_to, true)) {
       free(entry);
-      vemo::log_alloc_failure(__func__, vemo::ResponseIndex::block_bytes(grow_to));
+      vemo::log_alloc_failure(kAdd, vemo::ResponseIndex::block_bytes(grow_to));
       return VEMO_ERR_NO_RESOURCE;
     }
   }
 }
 
 int vemo::response_data_deliver(response_list_t *list, int id, const char *response,
-                                vemo_response_cb *callback) {
-  *callback = nullptr;
+                                ResponseCallbacks *callbacks) {
+  *callbacks = ResponseCallbacks{};
   if (list == nullptr || response == nullptr) {
     LOG_PRINT_AS("response_data_set_response", "WARN", "the list or response is NULL");
     return VEMO_ERR_INVALID_ARG;
@@ -310,7 +320,7 @@ int vemo::response_data_deliver(response_list_t *list, int id, const char *respo
       entry->response = copy;
       list->index.arrive(entry, vemo::response_now_tick());
       // Read now: once it has arrived, a collector may free the entry as soon as we unlock.
-      *callback = entry->callback;
+      *callbacks = ResponseCallbacks{entry->callback, entry->callback_ex, entry->user};
       vemo::wake_waiters(entry);
     }
   }
@@ -325,11 +335,31 @@ int vemo::response_data_deliver(response_list_t *list, int id, const char *respo
 
 extern "C" VEMO_API int response_data_set_response(response_list_t *list, int id,
                                                    const char *response) {
-  vemo_response_cb callback = nullptr;
-  int rc = vemo::response_data_deliver(list, id, response, &callback);
+  vemo::ResponseCallbacks callbacks;
+  int rc = vemo::response_data_deliver(list, id, response, &callbacks);
   // Unlocked: the callback may collect its own response (vemo_get_response) right here.
-  if (rc == 0 && callback != nullptr) callback(id, response);
+  if (rc == 0 && callbacks.classic != nullptr) callbacks.classic(id, response);
+  if (rc == 0 && callbacks.ex != nullptr) callbacks.ex(id, 0, response, callbacks.user);
   return rc;
+}
+
+bool vemo::response_data_fail(response_list_t *list, int id, int code, ResponseCallbacks *callbacks) {
+  *callbacks = ResponseCallbacks{};
+  if (list == nullptr) return false;
+  char *previous = nullptr;
+  {
+    vemo::MutexLock lock(list->mutex);
+    vemo::ResponseEntry *entry = list->index.find(id);
+    if (entry == nullptr) return false;
+    previous = entry->response;
+    entry->response = nullptr;
+    entry->code = code;
+    list->index.arrive(entry, vemo::response_now_tick());
+    *callbacks = ResponseCallbacks{nullptr, entry->callback_ex, entry->user};
+    vemo::wake_waiters(entry);
+  }
+  free(previous);
+  return true;
 }
 
 extern "C" VEMO_API int response_data_get_response(response_list_t *list, int id, char **response) {

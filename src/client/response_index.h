@@ -11,6 +11,7 @@
 #include <stdint.h>
 
 #include "vemo/vemo.h"
+#include "vemo/vemo_ext.h"
 
 namespace vemo {
 
@@ -27,7 +28,10 @@ struct ResponseEntry {
   // cannot be read), and a response stored at that moment has arrived all the same.
   bool arrived;
   char *response;
+  int code;  // the daemon's code of a failed request (arrived without a response), else 0
   vemo_response_cb callback;
+  vemo_response_ex_cb callback_ex;  // the extension's callback, with its user pointer
+  void *user;
   ResponseWaiter *waiters;
 
   // Owned by the index.

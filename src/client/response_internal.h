@@ -5,6 +5,7 @@
 #include <stdint.h>
 
 #include "vemo/response.h"
+#include "vemo/vemo_ext.h"
 
 namespace vemo {
 
@@ -26,10 +27,28 @@ constexpr int32_t kPendingGraceMs = 5000;
 int response_data_wait_response(response_list_t *list, int id, uint32_t start_tick,
                                 int32_t timeout_ms, char **response);
 
-// response_data_set_response without calling the callback: the entry's callback (or null) is
-// stored at *callback for the caller to run where it sees fit. Same results and log lines.
+// The callbacks of one entry: the classic one, and the extension's with its user pointer.
+struct ResponseCallbacks {
+  vemo_response_cb classic = nullptr;
+  vemo_response_ex_cb ex = nullptr;
+  void *user = nullptr;
+};
+
+// response_data_add with the extension's callback as well.
+int response_data_add_with(response_list_t *list, int id, int timeout_ms,
+                           const ResponseCallbacks &callbacks);
+
+// response_data_set_response without calling the callbacks: they are stored at *callbacks for
+// the caller to run where it sees fit. Same results and log lines.
 int response_data_deliver(response_list_t *list, int id, const char *response,
-                          vemo_response_cb *callback);
+                          ResponseCallbacks *callbacks);
+
+// The cloud failed the request of id with the daemon's code: its entry arrives without a
+// response, so that its collector gets the code at once (the classic list left the entry
+// pending and the caller waited out its timeout). False, silently, when id has no entry.
+// *callbacks receives the extension's callback only (the classic one has no way to hear of a
+// failure).
+bool response_data_fail(response_list_t *list, int id, int code, ResponseCallbacks *callbacks);
 
 // For a synchronous request that gives up: removes the entry of id, pending or arrived, and
 // wakes its waiters (they report VEMO_ERR_NOT_FOUND). Logs "clear the message id, id=%d" at

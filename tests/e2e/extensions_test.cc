@@ -84,6 +84,58 @@ TEST_F(Extensions, HandlersWithAUserPointerReceiveIt) {
   EXPECT_EQ(VEMO_ERR_INVALID_ARG, vemo_register_callback_ex(nullptr, nullptr, &state));
 }
 
+struct Outcome {
+  std::mutex mu;
+  std::vector<std::string> seen;  // "id code text"
+  Signal told;
+};
+void record_outcome(int id, int code, const char *response, void *user) {
+  auto *outcome = static_cast<Outcome *>(user);
+  {
+    std::lock_guard<std::mutex> hold(outcome->mu);
+    outcome->seen.push_back(std::to_string(id) + " " + std::to_string(code) + " " +
+                            (response != nullptr ? response : "(null)"));
+  }
+  outcome->told.notify();
+}
+
+// The callback with a user pointer hears of the response, and of a failure that the cloud
+// reports for the request: a notification with inner_error_code and the request's id.
+TEST_F(Extensions, AsyncCallbackWithAUserPointerHearsResponsesAndFailures) {
+  Outcome outcome;
+  daemon_.set_next_request_id(500);
+  ASSERT_EQ(500, vemo_send_request_async_ex("fine", 3000, 0, record_outcome, &outcome));
+  ASSERT_TRUE(outcome.told.wait_for(1));
+  daemon_.set_drop_response(true);
+  ASSERT_EQ(501, vemo_send_request_async_ex("doomed", 3000, 0, record_outcome, &outcome));
+  daemon_.send_text(R"({"inner_error_code":-7,"inner_result":{"id":501}})");
+  ASSERT_TRUE(outcome.told.wait_for(2));
+  std::lock_guard<std::mutex> hold(outcome.mu);
+  EXPECT_EQ((std::vector<std::string>{"500 0 fine", "501 -7 (null)"}), outcome.seen);
+  EXPECT_EQ(1, CountLogged("dispatch_notify", "ERROR", "the error code of the response=-7"));
+}
+
+// A failure the cloud reports completes the synchronous call at once with the daemon's code,
+// and is what vemo_get_response returns for an asynchronous request.
+TEST_F(Extensions, ReportedFailureCompletesTheRequestWithTheDaemonsCode) {
+  daemon_.set_drop_response(true);
+  daemon_.set_next_request_id(900);
+  std::future<int> sync = std::async(std::launch::async, [] {
+    char *text = nullptr;
+    return vemo_send_request_sync("will fail", 20000, 0, &text);
+  });
+  ASSERT_TRUE(daemon_.wait_for_sent([](const Sent &s) { return s.text.find("\"id\":900") != std::string::npos; },
+                                    kWaitMs));
+  daemon_.send_text(R"({"inner_error_code":-9,"inner_result":{"id":900}})");
+  EXPECT_EQ(-9, FinishOrDie(sync, kWaitMs, "the synchronous call"));
+  ASSERT_EQ(901, vemo_send_request_async("also fails", 3000, 0, nullptr));
+  daemon_.send_text(R"({"inner_error_code":-4,"inner_result":{"id":901}})");
+  char *text = nullptr;
+  EXPECT_EQ(-4, collect_response(901, &text));
+  EXPECT_EQ(nullptr, text);
+  EXPECT_EQ(VEMO_ERR_NOT_FOUND, vemo_get_response(901, &text));
+}
+
 Gate *g_gate = nullptr;
 Signal g_in_handler;
 void slow_answer(const char *request, char **response) {
