@@ -72,7 +72,10 @@ int client_acquire(const Deadline &deadline, uint32_t *generation) {
   cloud_client_t &c = client();
   if (client_starting_here()) return VEMO_ERR_DISCONNECTED;
   MutexLock hold(c.lock);
-  while (c.state == ClientState::kStarting) {
+  // A start-up or a teardown in progress is waited out (a task of the pool being torn down
+  // cannot wait for its own teardown); the caller may then start the client afresh.
+  while (c.state == ClientState::kStarting ||
+         (c.state == ClientState::kStopping && !task_pool_is_own_thread(c.task_pool))) {
     int32_t left = deadline.remaining_ms(get_tick_count());
     if (left <= 0) return VEMO_ERR_TIMEOUT;
     c.state_changed.wait_for_ms(c.lock, left);

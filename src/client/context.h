@@ -93,7 +93,7 @@ HandlerSet client_handlers();
 void client_tell(int event, int code);
 
 // Registers the calling thread as a user of a running client, waiting within deadline while it
-// starts. 0, VEMO_ERR_DISCONNECTED when the client is not running, VEMO_ERR_TIMEOUT when the
+// starts or is torn down. 0, VEMO_ERR_DISCONNECTED when the client is not running, VEMO_ERR_TIMEOUT when the
 // deadline passed first. generation (may be null) receives the start-up it joined.
 int client_acquire(const Deadline &deadline, uint32_t *generation);
 void client_release();

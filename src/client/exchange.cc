@@ -20,19 +20,26 @@ int send_with_recv(MessageText &message, const Deadline &deadline, Exchange *exc
   Exchange local;
   if (exchange == nullptr) exchange = &local;
   exchange->hook_status = 0;
-  if (c.running.load(std::memory_order_acquire) == 0) {
+  // Joins the running client; one that is idle (or whose teardown has just ended) is started.
+  int joined = c.running.load(std::memory_order_acquire) == 0
+                   ? VEMO_ERR_DISCONNECTED
+                   : client_acquire(deadline, &exchange->generation);
+  if (joined == VEMO_ERR_DISCONNECTED) {
     int rc = client_init(deadline);
     if (rc < 0) {
       LOG_PRINT("ERROR", "fail to get the file description of the client, error=%d", rc);
       return rc;
     }
+    joined = client_acquire(deadline, &exchange->generation);
+  }
+  if (joined != 0) {
+    LOG_PRINT("ERROR", "fail to get the file description of the client, error=%d", joined);
+    return joined;
   }
   // Held until the exchange ends, so that a teardown cannot free the pool under this thread.
-  ClientUse use(deadline, &exchange->generation);
-  if (use.code() != 0) {
-    LOG_PRINT("ERROR", "fail to get the file description of the client, error=%d", use.code());
-    return use.code();
-  }
+  struct Leave {
+    ~Leave() { client_release(); }
+  } leave;
 
   msg_data_t record = {VEMO_ERR_NOT_ARRIVED};
   // The wait for a free id counts against the deadline too.
