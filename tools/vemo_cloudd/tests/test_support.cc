@@ -96,6 +96,16 @@ std::string device_request(int id, const std::string &text, int timeout_ms, int 
          "},\"inner_id\":" + std::to_string(id) + "}";
 }
 
+std::optional<std::string> untimed(const std::string &line) {
+  static const char kShape[] = "0000-00-00 00:00:00.000 ";  // 0 stands for any digit
+  if (line.size() < sizeof kShape - 1) return std::nullopt;
+  for (std::size_t i = 0; i + 1 < sizeof kShape; ++i) {
+    const bool digit = line[i] >= '0' && line[i] <= '9';
+    if (kShape[i] == '0' ? !digit : line[i] != kShape[i]) return std::nullopt;
+  }
+  return line.substr(sizeof kShape - 1);
+}
+
 // ---- DaemonProcess --------------------------------------------------------------------------
 
 DaemonProcess::DaemonProcess(const std::vector<std::string> &args) {
@@ -183,6 +193,7 @@ std::optional<std::string> DaemonProcess::wait_for_line(
       std::size_t nl = out_text_.find('\n', start);
       if (nl == std::string::npos) break;
       std::string line = out_text_.substr(start, nl - start);
+      line = untimed(line).value_or(line);
       if (pred(line)) return line;
       start = nl + 1;
     }

@@ -47,6 +47,9 @@ class RawClient {
 //  "inner_id":id}, as the client library prints it.
 std::string device_request(int id, const std::string &text, int timeout_ms = 3000, int flag = 0);
 
+// line without the "YYYY-MM-DD hh:mm:ss.mmm " that starts a trace line; nullopt when it has none.
+std::optional<std::string> untimed(const std::string &line);
+
 // The vemo_cloudd executable as a child with its standard streams on pipes.
 class DaemonProcess {
  public:
@@ -61,7 +64,7 @@ class DaemonProcess {
   bool write_line(const std::string &line);  // the same with a newline
   void close_stdin();
   // The first line of standard output (from the start, lines read so far included) that
-  // satisfies pred.
+  // satisfies pred; trace lines are passed to pred and returned without their timestamp.
   std::optional<std::string> wait_for_line(const std::function<bool(const std::string &)> &pred,
                                            int timeout_ms);
   std::optional<std::string> wait_for_line_starting(const std::string &prefix, int timeout_ms);
