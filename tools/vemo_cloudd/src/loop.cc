@@ -205,6 +205,7 @@ void CloudDaemon::Loop::accept_all() {
 
 void CloudDaemon::Loop::receive(int conn) {
   auto it = conns_.find(conn);
+  if (it == conns_.end()) return;  // a failed flush in this pass closed it
   const Connection::ReadResult read = it->second->read_some();
   // Every whole frame that came in this read is handled now; what a handler does may close
   // the connection or stop the daemon between two of them.

@@ -90,6 +90,12 @@ void RawClient::close() {
   fd_ = -1;
 }
 
+std::string frame_of(const std::string &text) {
+  const std::size_t n = text.size();
+  return std::string("\xA1\xB2", 2) + static_cast<char>(n >> 24) + static_cast<char>(n >> 16) +
+         static_cast<char>(n >> 8) + static_cast<char>(n) + text;
+}
+
 std::string device_request(int id, const std::string &text, int timeout_ms, int flag) {
   return "{\"inner_method\":\"device_request\",\"inner_params\":{\"request\":\"" + text +
          "\",\"timeout_ms\":" + std::to_string(timeout_ms) + ",\"flag\":" + std::to_string(flag) +

@@ -43,6 +43,9 @@ class RawClient {
   int last_code_ = 0;
 };
 
+// text in a frame of the transport: magic, four-byte big-endian length, text.
+std::string frame_of(const std::string &text);
+
 // {"inner_method":"device_request","inner_params":{"request":text,"timeout_ms":..,"flag":..},
 //  "inner_id":id}, as the client library prints it.
 std::string device_request(int id, const std::string &text, int timeout_ms = 3000, int flag = 0);
