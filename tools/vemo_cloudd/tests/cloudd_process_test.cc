@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
@@ -26,11 +25,6 @@ bool exists(const std::string &path) {
   return lstat(path.c_str(), &st) == 0;
 }
 
-int exit_code(const std::optional<int> &status) {
-  if (!status) return -1000;
-  return WIFEXITED(*status) ? WEXITSTATUS(*status) : -WTERMSIG(*status);
-}
-
 class Process : public ::testing::Test {
  protected:
   Process() : path_(cloudd_test::temp_socket_path("proc")) {}
@@ -41,8 +35,8 @@ class Process : public ::testing::Test {
 
   // Waits until the daemon serves, then connects a client past the greeting.
   void serve_and_connect(DaemonProcess &p, RawClient &client, bool greeting = true) {
-    ASSERT_TRUE(p.started());
-    ASSERT_TRUE(p.wait_for_line_starting("listening on " + path_, kWait)) << p.all_stderr();
+    ASSERT_GT(p.pid(), 0);
+    ASSERT_TRUE(p.wait_for_line_starting("listening on " + path_, kWait)) << p.err();
     ASSERT_EQ(0, client.connect(path_));
     if (greeting) {
       ASSERT_EQ("{\"inner_method\":\"server_notify\",\"inner_params\":{\"type\":0}}",
@@ -59,9 +53,9 @@ TEST_F(Process, HelpAndVersionPrintAndExitZero) {
                                                          {"--version", "vemo_cloudd 1."}};
   for (const auto &c : cases) {
     DaemonProcess p({c.first});
-    EXPECT_EQ(0, exit_code(p.wait_exit(kWait)));
-    EXPECT_EQ(0u, p.all_stdout().find(c.second)) << p.all_stdout();
-    EXPECT_EQ("", p.all_stderr());
+    EXPECT_EQ(0, p.wait_exit(kWait).value_or(-1000));
+    EXPECT_EQ(0u, p.out().find(c.second)) << p.out();
+    EXPECT_EQ("", p.err());
   }
 }
 
@@ -93,9 +87,9 @@ TEST_F(Process, StartupRefusals) {
     std::vector<std::string> args = {"--socket", path_};
     args.insert(args.end(), c.args.begin(), c.args.end());
     DaemonProcess p(args);
-    EXPECT_EQ(c.status, exit_code(p.wait_exit(kWait))) << c.error;
-    EXPECT_EQ(c.error, p.all_stderr());
-    EXPECT_EQ("", p.all_stdout());
+    EXPECT_EQ(c.status, p.wait_exit(kWait).value_or(-1000)) << c.error;
+    EXPECT_EQ(c.error, p.err());
+    EXPECT_EQ("", p.out());
     EXPECT_EQ(c.file_at_socket, exists(path_)) << c.error;
     EXPECT_EQ(c.file_at_control, exists(ctl_)) << c.error;
   }
@@ -141,14 +135,14 @@ TEST_F(Process, SessionDrivenFromStandardInput) {
   ASSERT_TRUE(p.write_line("status"));
   EXPECT_TRUE(p.wait_for_line_starting("status: 1 open (1), 1 seen", kWait));
   EXPECT_NE(std::string::npos,
-            p.all_stderr().find("vemo_cloudd: unknown command 'no_such_command' (type help)"));
+            p.err().find("vemo_cloudd: unknown command 'no_such_command' (type help)"));
 
   ASSERT_TRUE(p.write_line("quit"));
-  EXPECT_EQ(0, exit_code(p.wait_exit(kWait)));
+  EXPECT_EQ(0, p.wait_exit(kWait).value_or(-1000));
   EXPECT_FALSE(exists(path_));
   EXPECT_TRUE(client.wait_closed(kWait));
   // Trace lines carry the local time; the answers to commands do not.
-  const std::string out = p.all_stdout();
+  const std::string out = p.out();
   EXPECT_TRUE(cloudd_test::untimed(out.substr(0, out.find('\n'))).has_value()) << out;
   EXPECT_NE(std::string::npos, out.find("\nstatus: 1 open (1), 1 seen\n")) << out;
   EXPECT_TRUE(p.wait_for_line([](const std::string &l) { return l == "stopped"; }, kWait));
@@ -231,7 +225,7 @@ TEST_F(Process, SigtermAndSigintStopAndRemoveTheSocket) {
     RawClient client;
     serve_and_connect(p, client);
     ASSERT_EQ(0, kill(p.pid(), sig));
-    EXPECT_EQ(0, exit_code(p.wait_exit(kWait))) << sig;
+    EXPECT_EQ(0, p.wait_exit(kWait).value_or(-1000)) << sig;
     EXPECT_FALSE(exists(path_)) << sig;
     EXPECT_TRUE(p.wait_for_line_starting(
         sig == SIGINT ? "stopping on SIGINT" : "stopping on SIGTERM", kWait));
@@ -248,7 +242,7 @@ TEST_F(Process, ClosedStandardInputKeepsServing) {
   ASSERT_EQ(0, client.connect(path_));
   EXPECT_TRUE(client.recv(kWait));
   ASSERT_EQ(0, kill(p.pid(), SIGTERM));
-  EXPECT_EQ(0, exit_code(p.wait_exit(kWait)));
+  EXPECT_EQ(0, p.wait_exit(kWait).value_or(-1000));
 }
 
 TEST_F(Process, LastLineWithoutNewlineStillCounts) {
@@ -259,7 +253,7 @@ TEST_F(Process, LastLineWithoutNewlineStillCounts) {
   p.close_stdin();
   EXPECT_EQ("{\"inner_method\":\"server_notify\",\"inner_params\":{\"type\":4}}",
             client.recv(kWait).value_or("<none>"));
-  EXPECT_EQ(0, exit_code(p.wait_exit(kWait)));
+  EXPECT_EQ(0, p.wait_exit(kWait).value_or(-1000));
 }
 
 TEST_F(Process, ControlFifoTakesCommands) {
@@ -278,7 +272,7 @@ TEST_F(Process, ControlFifoTakesCommands) {
   }
   EXPECT_EQ("{\"inner_method\":\"server_notify\",\"inner_params\":{\"type\":7}}",
             client.recv(kWait).value_or("<none>"));
-  EXPECT_EQ(0, exit_code(p.wait_exit(kWait)));
+  EXPECT_EQ(0, p.wait_exit(kWait).value_or(-1000));
   EXPECT_FALSE(exists(ctl_));
   EXPECT_FALSE(exists(path_));
 }
@@ -292,10 +286,10 @@ TEST_F(Process, QuietPrintsNoMessageLines) {
   ASSERT_EQ(0, client.connect(path_));
   EXPECT_TRUE(client.recv(kWait));
   ASSERT_TRUE(p.write_line("quit"));
-  EXPECT_EQ(0, exit_code(p.wait_exit(kWait)));
+  EXPECT_EQ(0, p.wait_exit(kWait).value_or(-1000));
   // Only the answer to the command; no message lines, no library log lines.
-  EXPECT_EQ("status: 0 open (none), 0 seen\n", p.all_stdout());
-  EXPECT_EQ("", p.all_stderr());
+  EXPECT_EQ("status: 0 open (none), 0 seen\n", p.out());
+  EXPECT_EQ("", p.err());
 }
 
 }  // namespace
