@@ -1,6 +1,11 @@
 #include "format.h"
 
+#include <cjson/cJSON.h>
 #include <stdio.h>
+#include <sys/time.h>
+#include <time.h>
+
+#include <new>
 
 #include <vemo/codes.h>
 
@@ -83,6 +88,42 @@ std::string one_line(const std::string &text) {
         }
     }
   }
+  return out;
+}
+
+std::string utc_now() {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  struct tm utc;
+  char stamp[40] = "1970-01-01T00:00:00";
+  if (gmtime_r(&now.tv_sec, &utc) != nullptr) strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%S", &utc);
+  char out[48];
+  snprintf(out, sizeof out, "%s.%03dZ", stamp, static_cast<int>(now.tv_usec / 1000));
+  return out;
+}
+
+JsonLine::JsonLine(const char *event, const std::string &time) : object_(cJSON_CreateObject()) {
+  add("time", time);
+  add("event", event);
+}
+
+JsonLine::~JsonLine() { cJSON_Delete(object_); }
+
+JsonLine &JsonLine::add(const char *key, const std::string &text) {
+  if (object_ != nullptr) cJSON_AddItemToObject(object_, key, cJSON_CreateString(text.c_str()));
+  return *this;
+}
+
+JsonLine &JsonLine::add(const char *key, int number) {
+  if (object_ != nullptr) cJSON_AddItemToObject(object_, key, cJSON_CreateNumber(number));
+  return *this;
+}
+
+std::string JsonLine::str() const {
+  char *printed = object_ != nullptr ? cJSON_PrintUnformatted(object_) : nullptr;
+  if (printed == nullptr) throw std::bad_alloc();
+  std::string out(printed);
+  cJSON_free(printed);
   return out;
 }
 

@@ -3,7 +3,10 @@
 #ifndef VEMO_CLI_FORMAT_H
 #define VEMO_CLI_FORMAT_H
 
+#include <memory>
 #include <string>
+
+struct cJSON;
 
 namespace vemo_cli {
 
@@ -35,6 +38,26 @@ std::string describe_code(int code, const char *description);
 // text with backslash, line breaks, tabs and other control bytes written as \\, \n, \r, \t and
 // \xNN, so that any text fits on one output line and can be told apart from the next.
 std::string one_line(const std::string &text);
+
+// The current time in UTC as RFC 3339 with milliseconds: "2024-05-01T12:00:00.123Z".
+std::string utc_now();
+
+// One line of --json output: {"time":TIME,"event":EVENT} and then the fields in the order they
+// are added. Texts are JSON strings with their bytes as they are (UTF-8 stays readable).
+class JsonLine {
+ public:
+  explicit JsonLine(const char *event, const std::string &time = utc_now());
+  ~JsonLine();
+  JsonLine(const JsonLine &) = delete;
+  JsonLine &operator=(const JsonLine &) = delete;
+  JsonLine &add(const char *key, const std::string &text);
+  JsonLine &add(const char *key, int number);
+  // Throws std::bad_alloc when the object could not be built or printed.
+  std::string str() const;
+
+ private:
+  cJSON *object_;
+};
 
 }  // namespace vemo_cli
 

@@ -29,6 +29,7 @@ struct ListenState {
   std::string hello_text;
   int count = 0;
   std::atomic<int> handled{0};
+  std::atomic<int> seq{0};  // numbers the requests for --json, which has no id of the cloud's
 };
 
 // How long the stop waits for the threads that deliver answers, beyond a command's time limit.
@@ -63,7 +64,7 @@ bool make_answer(const ListenState &s, const std::string &request, std::string *
       // A newline after the text lets line-reading commands (read, while read ...) see the line.
       CommandResult result = run_command(s.answer, request + "\n", s.exec_timeout_ms);
       if (!result.succeeded()) {
-        report("listen: command " + result.describe(s.exec_timeout_ms) + "; no answer sent");
+        report_failure("listen: command " + result.describe(s.exec_timeout_ms) + "; no answer sent");
         return false;
       }
       *answer = strip_trailing_newlines(result.output);
@@ -81,7 +82,9 @@ void on_cloud_request(const char *request, char **response) {
   ListenState &s = state();
   try {
     const std::string text = request != nullptr ? request : "";
-    print_event("request: " + one_line(text));
+    const int seq = ++s.seq;
+    print_event(output_json() ? JsonLine("request").add("seq", seq).add("request", text).str()
+                              : "request: " + one_line(text));
     std::string answer;
     if (make_answer(s, text, &answer)) *response = heap_copy(answer);
   } catch (...) {
@@ -95,7 +98,7 @@ void on_cloud_request(const char *request, char **response) {
 void on_hello_request(char **response) {
   dispatch_tracker_enter();
   try {
-    print_event("hello request");
+    print_event(output_json() ? JsonLine("hello_request").str() : "hello request");
     *response = heap_copy(state().hello_text);
   } catch (...) {
   }
@@ -104,7 +107,9 @@ void on_hello_request(char **response) {
 void on_hello_response(const char *response) {
   dispatch_tracker_enter();
   try {
-    print_event("hello response: " + one_line(response != nullptr ? response : ""));
+    const std::string text = response != nullptr ? response : "";
+    print_event(output_json() ? JsonLine("hello_response").add("response", text).str()
+                              : "hello response: " + one_line(text));
   } catch (...) {
   }
 }

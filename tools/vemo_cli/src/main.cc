@@ -4,6 +4,8 @@
 #include <exception>
 #include <string>
 
+#include <vemo/vemo_ext.h>
+
 #include "commands.h"
 #include "format.h"
 #include "options.h"
@@ -26,13 +28,18 @@ int main(int argc, char **argv) {
             o.command == Command::kNone ? "" : " ");
     return kExitUsage;
   }
-  if (o.help) {
-    fputs(help_text(o.command), stdout);
+  if (o.help || o.version) {
+    fputs(o.help ? help_text(o.command) : version_text(), stdout);
     return fflush(stdout) == 0 ? kExitOk : kExitToolFailure;
+  }
+  // Before any other library call: the path counts from the first connection on.
+  if (!o.socket.empty() && vemo_set_socket_path(o.socket.c_str()) != 0) {
+    report("cannot use the socket path " + o.socket);
+    return kExitUsage;
   }
 
   // Before the first library call: its first log line comes with the connection.
-  if (!output_init(!o.verbose)) {
+  if (!output_init(!o.verbose, o.json)) {
     report("cannot set up the output");
     return kExitToolFailure;
   }

@@ -10,7 +10,7 @@ namespace vemo_cli {
 namespace {
 
 enum class Opt {
-  kHelp, kQuiet, kVerbose,
+  kHelp, kVersion, kQuiet, kVerbose, kJson, kSocket,
   kTimeout, kFlag, kAsync, kWait,
   kHello, kAnswer, kExec, kExecTimeout, kCount, kFor,
 };
@@ -25,8 +25,11 @@ struct OptionSpec {
 // Accepted everywhere: before the command and among its options.
 const OptionSpec kCommon[] = {
     {"help", 'h', false, Opt::kHelp},
+    {"version", 0, false, Opt::kVersion},
     {"quiet", 'q', false, Opt::kQuiet},
     {"verbose", 'v', false, Opt::kVerbose},
+    {"json", 0, false, Opt::kJson},
+    {"socket", 0, true, Opt::kSocket},
 };
 
 const OptionSpec kRequestOptions[] = {
@@ -87,8 +90,17 @@ struct Parser {
   bool apply(const OptionSpec &spec, const std::string &value) {
     switch (spec.id) {
       case Opt::kHelp: o.help = true; return true;
+      case Opt::kVersion: o.version = true; return true;
       case Opt::kQuiet: o.verbose = false; return true;
       case Opt::kVerbose: o.verbose = true; return true;
+      case Opt::kJson: o.json = true; return true;
+      case Opt::kSocket:
+        // Checked here, so that a path the library would refuse is a usage error.
+        if (value.empty() || value.size() > kMaxSocketPath)
+          return fail("invalid value '" + value + "' for --socket (expected a path of 1 to " +
+                      std::to_string(kMaxSocketPath) + " bytes)");
+        o.socket = value;
+        return true;
       case Opt::kTimeout: return number(spec.long_name, value, 1, INT_MAX, &o.timeout_ms);
       case Opt::kFlag: return number(spec.long_name, value, INT_MIN, INT_MAX, &o.flag);
       case Opt::kAsync: o.async = true; return true;
@@ -214,7 +226,7 @@ ParseResult parse_arguments(int argc, const char *const *argv) {
       positional.push_back(arg);
     }
   }
-  if (p.error.empty() && !result.options.help) p.check(positional);
+  if (p.error.empty() && !result.options.help && !result.options.version) p.check(positional);
   result.ok = p.error.empty();
   result.error = p.error;
   return result;

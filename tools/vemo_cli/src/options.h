@@ -19,8 +19,11 @@ constexpr int kDefaultExecTimeoutMs = 5000;
 struct Options {
   Command command = Command::kNone;
   bool help = false;
+  bool version = false;
   // The library's log is discarded unless --verbose: the tool's output is meant for scripts.
   bool verbose = false;
+  bool json = false;   // results and events as JSON lines
+  std::string socket;  // the daemon's socket path; empty: the library's default
 
   // request
   std::string text;
@@ -48,9 +51,9 @@ struct ParseResult {
   std::string error;  // when !ok: one line, without the program name
 };
 
-// argv[0] is the program name. --help anywhere makes the result ok with options.help set (the
-// command's own requirements, such as the request text, are then not checked); an unknown option
-// is an error even then.
+// argv[0] is the program name. --help (or --version) anywhere makes the result ok with
+// options.help (options.version) set (the command's own requirements, such as the request text,
+// are then not checked); an unknown option is an error even then.
 ParseResult parse_arguments(int argc, const char *const *argv);
 
 // The name of a command as typed ("request"); "" for kNone.
@@ -58,6 +61,12 @@ const char *command_name(Command command);
 
 // Strict decimal integer in [min, max]: no sign-only, no junk, no overflow.
 bool parse_int(const std::string &text, long min, long max, int *out);
+
+// The longest socket path that fits a Unix socket address.
+constexpr size_t kMaxSocketPath = 107;
+
+// "vemo-cli VERSION", ending with a newline.
+const char *version_text();
 
 // The full help of a command (kNone: the program's help), ending with a newline.
 const char *help_text(Command command);

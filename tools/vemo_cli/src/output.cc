@@ -18,6 +18,7 @@ namespace {
 // descriptor 1 when quiet. Set once before the library starts any thread; never closed, because
 // library threads (a listen handler) may still write while the process exits.
 FILE *g_out = nullptr;
+bool g_json = false;  // set with g_out
 
 }  // namespace
 
@@ -40,7 +41,10 @@ bool prepare_process() {
   return sigaction(SIGPIPE, &action, nullptr) == 0;
 }
 
-bool output_init(bool quiet) {
+bool output_json() { return g_json; }
+
+bool output_init(bool quiet, bool json) {
+  g_json = json;
   if (!quiet) {
     setvbuf(stdout, nullptr, _IOLBF, 0);
     g_out = stdout;
@@ -95,8 +99,21 @@ void report(const char *text) noexcept { report(text, strlen(text)); }
 void report(const std::string &text) noexcept { report(text.data(), text.size()); }
 
 int report_code(const char *step, int code) {
-  report(std::string(step) + ": " + describe_code(code, vemo_strerror(code)));
+  const char *description = vemo_strerror(code);
+  report(std::string(step) + ": " + describe_code(code, description));
+  if (g_json) {
+    output_line(JsonLine("error")
+                    .add("step", step)
+                    .add("code", code)
+                    .add("message", description != nullptr ? description : "")
+                    .str());
+  }
   return exit_status_for(code);
+}
+
+void report_failure(const std::string &text) {
+  report(text);
+  if (g_json) output_line(JsonLine("error").add("message", text).str());
 }
 
 }  // namespace vemo_cli

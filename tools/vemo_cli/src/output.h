@@ -22,8 +22,10 @@ bool prepare_process();
 
 // Sets up the output once, before the first library call. quiet: the library's log goes to
 // /dev/null. verbose: it stays on standard output, line-buffered so that its lines and the
-// tool's appear in the order they happened. False when the descriptors cannot be set up.
-bool output_init(bool quiet);
+// tool's appear in the order they happened. json: results go out as JSON lines (output_json).
+// False when the descriptors cannot be set up.
+bool output_init(bool quiet, bool json);
+bool output_json();
 
 // Writes text and a newline to the tool's output and flushes, as one unit among threads.
 // False when the output cannot be written (the reader went away).
@@ -38,8 +40,11 @@ void report(const char *text) noexcept;
 void report(const std::string &text) noexcept;
 
 // Reports a failed library call ("vemo-cli: request: error -1100: ...") and returns the exit
-// status for its code.
+// status for its code. With --json also as {"event":"error","step":..,"code":..,"message":..}
+// on the output, since a failure is a result too.
 int report_code(const char *step, int code);
+// Reports a failure that has no library code, the same two ways ({"event":"error","message":..}).
+void report_failure(const std::string &text);
 
 }  // namespace vemo_cli
 

@@ -4,6 +4,7 @@
 #include <stdlib.h>
 #include <time.h>
 
+#include <memory>
 #include <string>
 
 #include <vemo/vemo.h>
@@ -68,11 +69,17 @@ ArrivalSignal &arrival() {
 // Runs on a library dispatch thread.
 void on_response(int id, const char * /*response*/) { arrival().notify(id); }
 
-// Prints a response the library handed over, and frees it.
-int print_response(char *text) {
-  bool written = output_line(text);
-  free(text);
-  if (!written) {
+// Prints a response the library handed over (id: its request id, or -1 when the call gave none),
+// and frees it.
+int print_response(char *response, int id) {
+  const std::unique_ptr<char, void (*)(void *)> text(response, free);
+  std::string line = text.get();
+  if (output_json()) {
+    JsonLine json("response");
+    if (id >= 0) json.add("id", id);
+    line = json.add("response", text.get()).str();
+  }
+  if (!output_line(line)) {
     report("request: cannot write the response to standard output");
     return kExitToolFailure;
   }
@@ -83,7 +90,7 @@ int run_sync(const Options &o) {
   char *text = nullptr;
   int rc = vemo_send_request_sync(o.text.c_str(), o.timeout_ms, o.flag, &text);
   if (rc != 0) return report_code("request", rc);
-  return print_response(text);
+  return print_response(text, -1);
 }
 
 int run_async(const Options &o) {
@@ -91,25 +98,25 @@ int run_async(const Options &o) {
   const int id = vemo_send_request_async(o.text.c_str(), o.timeout_ms, o.flag, on_response);
   if (id < 0) return report_code("request", id);
   // The id first and at once: a script may act on it while the response is awaited.
-  if (!output_line(std::to_string(id))) {
+  if (!output_line(output_json() ? JsonLine("accepted").add("id", id).str() : std::to_string(id))) {
     report("request: cannot write the request id to standard output");
     return kExitToolFailure;
   }
   int seen = -1;
   if (!arrival().wait(o.effective_wait_ms(), &seen)) {
-    report("request: no response for request " + std::to_string(id) + " within " +
-           std::to_string(o.effective_wait_ms()) + " ms");
+    report_failure("request: no response for request " + std::to_string(id) + " within " +
+                   std::to_string(o.effective_wait_ms()) + " ms");
     return kExitTimeout;
   }
   if (seen != id) {
-    report("request: a response came for request " + std::to_string(seen) + ", not for " +
-           std::to_string(id));
+    report_failure("request: a response came for request " + std::to_string(seen) + ", not for " +
+                   std::to_string(id));
     return kExitLibrary;
   }
   char *text = nullptr;
   int rc = vemo_get_response(id, &text);
   if (rc != 0) return report_code("collecting the response", rc);
-  return print_response(text);
+  return print_response(text, id);
 }
 
 }  // namespace

@@ -8,8 +8,9 @@ namespace vemo_cli {
 namespace {
 
 const char kProgramUsage[] =
-    "usage: vemo-cli [--quiet | --verbose] COMMAND [OPTIONS] [ARGUMENTS]\n"
-    "       vemo-cli COMMAND --help\n";
+    "usage: vemo-cli [--quiet | --verbose] [--json] [--socket PATH] COMMAND [OPTIONS] [ARGUMENTS]\n"
+    "       vemo-cli COMMAND --help\n"
+    "       vemo-cli --version\n";
 
 const char kRequestUsage[] =
     "usage: vemo-cli request [--timeout MS] [--flag N] TEXT\n"
@@ -27,7 +28,11 @@ const char kCommonOptions[] =
     "                  lines are discarded\n"
     "  -v, --verbose   let the library's log lines through on standard output, mixed with\n"
     "                  the tool's own output\n"
+    "  --json          print every result and event as one JSON object per line, with its\n"
+    "                  time (UTC) and the ids there are; failures also as \"error\" objects\n"
+    "  --socket PATH   talk to the daemon on PATH instead of /tmp/cloud_svr\n"
     "  -h, --help      print this help\n"
+    "  --version       print the version\n"
     "Errors go to standard error and name the library's result code and its meaning.\n";
 
 const char kProgramBody[] =
@@ -86,6 +91,8 @@ std::string compose(const char *usage, const char *body) {
 }
 
 }  // namespace
+
+const char *version_text() { return "vemo-cli " VEMO_VERSION "\n"; }
 
 const char *usage_text(Command command) {
   switch (command) {

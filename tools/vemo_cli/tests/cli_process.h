@@ -1,10 +1,9 @@
-// Runs the built vemo-cli as a child process and watches its output; a fixture that serves
-// /tmp/cloud_svr with the in-process daemon for the end-to-end cases.
+// Runs the built vemo-cli as a child process and watches its output; a fixture that serves a
+// socket path of this test process's own with the in-process daemon for the end-to-end cases.
 #ifndef VEMO_CLI_TESTS_CLI_PROCESS_H
 #define VEMO_CLI_TESTS_CLI_PROCESS_H
 
 #include <gtest/gtest.h>
-#include <sys/types.h>
 
 #include <condition_variable>
 #include <functional>
@@ -13,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "child_process.h"
 #include "vemo_cloudd/cloud_daemon.h"
 
 namespace vemo_cli_test {
@@ -20,57 +20,33 @@ namespace vemo_cli_test {
 // The bound of every wait for something due promptly; only a hang reaches it.
 constexpr int kWaitMs = 10000;
 
+// The socket path of this test process: every run of the tool gets --socket with it, so that
+// cases in parallel processes (and /tmp/cloud_svr) never meet.
+const std::string &test_socket_path();
+
 // vemo-cli running with standard output and standard error on pipes, standard input on
 // /dev/null.
-class CliProcess {
+class CliProcess : public tools_test::ChildProcess {
  public:
-  CliProcess() = default;
-  ~CliProcess();  // kills the child if it still runs
-  CliProcess(const CliProcess &) = delete;
-  CliProcess &operator=(const CliProcess &) = delete;
-
-  // args without the program name.
+  // args without the program name (--socket test_socket_path() goes first).
   bool start(const std::vector<std::string> &args);
-  // The first complete line of standard output that satisfies pred, reading as needed.
   std::optional<std::string> wait_for_line(const std::function<bool(const std::string &)> &pred,
-                                           int timeout_ms = kWaitMs);
-  // Reads both outputs to their end and reaps the child: its exit status (-1 when it was
-  // killed by a signal), or nullopt when it runs on after timeout_ms.
-  std::optional<int> wait_exit(int timeout_ms = kWaitMs);
-  bool send_signal(int signal);
-  // Stops reading standard output: the tool's next write to it fails.
-  void close_out();
-  pid_t pid() const { return pid_; }
-  const std::string &out() const { return out_; }
-  const std::string &err() const { return err_; }
-  std::vector<std::string> out_lines() const;
-
- private:
-  bool pump(int timeout_ms);  // reads what is there; false when nothing came in time
-  pid_t pid_ = -1;
-  int out_fd_ = -1;
-  int err_fd_ = -1;
-  bool reaped_ = false;
-  int status_ = 0;
-  std::string out_;
-  std::string err_;
+                                           int timeout_ms = kWaitMs) {
+    return ChildProcess::wait_for_line(pred, timeout_ms);
+  }
+  std::optional<int> wait_exit(int timeout_ms = kWaitMs) { return ChildProcess::wait_exit(timeout_ms); }
 };
 
 // The result of a run to the end.
 struct CliRun {
-  int status = -2;  // exit status; -1: killed by a signal; -2: did not end in time (killed)
+  int status = -1000;  // exit status; minus the signal that ended it; -1000: it did not end in time
   std::string out;
   std::string err;
 };
 CliRun run_cli(const std::vector<std::string> &args, int timeout_ms = kWaitMs);
 
-// True while some process listens on path (read from the kernel's socket table, so that we do
-// not count as a client of somebody else's daemon).
-bool someone_listens(const char *path);
-// Waits until nobody serves /tmp/cloud_svr (other suites in other processes use it too).
-bool wait_path_free();
-
-// The in-process daemon on /tmp/cloud_svr, with a response delay that keeps the tests quick.
+// The in-process daemon on test_socket_path(), with no response delay, which keeps the tests
+// quick.
 class DaemonTest : public ::testing::Test {
  protected:
   void SetUp() override;
@@ -82,7 +58,7 @@ class DaemonTest : public ::testing::Test {
   // time (it serves the shared path): tests look at their own connection only.
   std::vector<vemo::cloudd::Received> ReceivedOn(int conn);
 
-  vemo::cloudd::CloudDaemon daemon_;
+  vemo::cloudd::CloudDaemon daemon_{test_socket_path()};
 
  private:
   std::mutex lines_mu_;

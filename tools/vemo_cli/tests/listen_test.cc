@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <signal.h>
 
+#include <algorithm>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -22,13 +24,15 @@ class DaemonListen : public DaemonTest {
  protected:
   // Starts the tool and waits until the daemon has its registration; the handler is in place
   // before the registration is sent.
-  void StartListening(const std::vector<std::string> &args) {
-    ASSERT_TRUE(cli_.start(args));
-    auto reg = daemon_.wait_for_method("register_callback", kWaitMs);
-    ASSERT_TRUE(reg.has_value()) << "no registration; stderr: " << cli_.err();
+  void StartListening(CliProcess &cli, const std::vector<std::string> &args) {
+    const std::size_t from = daemon_.received().size();
+    ASSERT_TRUE(cli.start(args));
+    auto reg = daemon_.wait_for_method("register_callback", kWaitMs, from);
+    ASSERT_TRUE(reg.has_value()) << "no registration; stderr: " << cli.err();
     hello_cloud_ = reg->hello_cloud;
     conn_ = reg->conn;
   }
+  void StartListening(const std::vector<std::string> &args) { StartListening(cli_, args); }
 
   int SendCloudRequest(const std::string &text) {
     int id = 0;
@@ -37,12 +41,13 @@ class DaemonListen : public DaemonTest {
   }
 
   // The exit status, once the tool has ended and the daemon has read all it sent.
-  int Finish() {
-    std::optional<int> status = cli_.wait_exit();
+  int Finish(CliProcess &cli) {
+    std::optional<int> status = cli.wait_exit();
     EXPECT_TRUE(status.has_value()) << "vemo-cli did not end";
     EXPECT_TRUE(WaitDisconnected(conn_));
-    return status.value_or(-2);
+    return status.value_or(-1000);
   }
+  int Finish() { return Finish(cli_); }
 
   std::vector<Received> Replies() {
     std::vector<Received> out;
@@ -97,33 +102,30 @@ TEST_F(DaemonListen, ConcurrentRequestsEachGetTheirOwnAnswer) {
     EXPECT_EQ("request " + std::to_string(i), reply->response);
   }
   EXPECT_EQ(0, Finish()) << cli_.err();
-  EXPECT_EQ(3u, cli_.out_lines().size());
+  EXPECT_EQ(3, std::count(cli_.out().begin(), cli_.out().end(), '\n'));
 }
 
-TEST_F(DaemonListen, FailingCommandSendsNoAnswer) {
-  StartListening({"listen", "--exec", "echo half; exit 3", "--count", "1"});
-  SendCloudRequest("ping");
-  EXPECT_EQ(0, Finish());
-  EXPECT_TRUE(Replies().empty());
-  EXPECT_EQ("request: ping\n", cli_.out());
-  EXPECT_EQ("vemo-cli: listen: command exit status 3; no answer sent\n", cli_.err());
-  EXPECT_TRUE(Unregistered());
-}
-
-TEST_F(DaemonListen, CommandOverItsTimeLimitSendsNoAnswer) {
-  StartListening({"listen", "--exec", "sleep 30", "--exec-timeout", "200", "--count", "1"});
-  SendCloudRequest("ping");
-  EXPECT_EQ(0, Finish());
-  EXPECT_TRUE(Replies().empty());
-  EXPECT_EQ("vemo-cli: listen: command still running after 200 ms; no answer sent\n", cli_.err());
-}
-
-TEST_F(DaemonListen, WithoutAnAnswerOptionRequestsAreOnlyPrinted) {
-  StartListening({"listen", "--count", "1"});
-  SendCloudRequest("just looking");
-  EXPECT_EQ(0, Finish());
-  EXPECT_TRUE(Replies().empty());
-  EXPECT_EQ("request: just looking\n", cli_.out());
+// Requests that get no answer: each is printed, and the tool still stops on its count.
+TEST_F(DaemonListen, NoAnswerWhenThereIsNoneToSend) {
+  const std::pair<std::vector<std::string>, std::string> rows[] = {
+      {{"--exec", "echo half; exit 3"}, "vemo-cli: listen: command exit status 3; no answer sent\n"},
+      {{"--exec", "sleep 30", "--exec-timeout", "200"},
+       "vemo-cli: listen: command still running after 200 ms; no answer sent\n"},
+      {{}, ""},  // nothing to answer with
+  };
+  for (const auto &row : rows) {
+    SCOPED_TRACE(row.second);
+    std::vector<std::string> args = {"listen", "--count", "1"};
+    args.insert(args.end(), row.first.begin(), row.first.end());
+    CliProcess cli;
+    StartListening(cli, args);
+    SendCloudRequest("ping");
+    EXPECT_EQ(0, Finish(cli));
+    EXPECT_TRUE(Replies().empty());
+    EXPECT_EQ("request: ping\n", cli.out());
+    EXPECT_EQ(row.second, cli.err());
+    EXPECT_TRUE(Unregistered());
+  }
 }
 
 TEST_F(DaemonListen, EveryRequestTakesOneLine) {
@@ -149,19 +151,38 @@ TEST_F(DaemonListen, HelloHandlers) {
   EXPECT_EQ("hello request\nhello response: welcome\\nback\nrequest: last\n", cli_.out());
 }
 
-TEST_F(DaemonListen, StopsOnSigtermAndUnregisters) {
-  StartListening({"listen", "--answer", "x"});
-  ASSERT_TRUE(cli_.send_signal(SIGTERM));
-  EXPECT_EQ(0, Finish()) << cli_.err();
-  EXPECT_TRUE(Unregistered());
-  EXPECT_EQ("", cli_.out());
+TEST_F(DaemonListen, StopsOnSigtermOrSigintAndUnregisters) {
+  for (int sig : {SIGTERM, SIGINT}) {
+    CliProcess cli;
+    StartListening(cli, {"listen", "--answer", "x"});
+    ASSERT_TRUE(cli.send_signal(sig));
+    EXPECT_EQ(0, Finish(cli)) << cli.err();
+    EXPECT_TRUE(Unregistered());
+    EXPECT_EQ("", cli.out());
+  }
 }
 
-TEST_F(DaemonListen, StopsOnSigintAndUnregisters) {
-  StartListening({"listen", "--answer", "x"});
-  ASSERT_TRUE(cli_.send_signal(SIGINT));
-  EXPECT_EQ(0, Finish()) << cli_.err();
-  EXPECT_TRUE(Unregistered());
+TEST_F(DaemonListen, JsonLinesNumberTheRequests) {
+  StartListening({"--json", "listen", "--hello", "hi", "--exec", "exit 1", "--count", "2"});
+  EXPECT_EQ(1, daemon_.send_hello_request(conn_));
+  ASSERT_TRUE(daemon_.wait_for_hello_reply(kWaitMs).has_value());
+  EXPECT_EQ(1, daemon_.send_hello_response("welcome\nback", conn_));
+  ASSERT_TRUE(cli_.wait_for_line([](const std::string &l) { return contains(l, "hello_response"); }));
+  SendCloudRequest("one");
+  ASSERT_TRUE(cli_.wait_for_line([](const std::string &l) { return contains(l, "exit status 1"); }));
+  SendCloudRequest("two \"quoted\"");
+  EXPECT_EQ(0, Finish());
+  const std::regex stamp("\"time\":\"\\d{4}-\\d\\d-\\d\\dT\\d\\d:\\d\\d:\\d\\d\\.\\d{3}Z\"");
+  EXPECT_EQ(
+      "{\"time\":T,\"event\":\"hello_request\"}\n"
+      "{\"time\":T,\"event\":\"hello_response\",\"response\":\"welcome\\nback\"}\n"
+      "{\"time\":T,\"event\":\"request\",\"seq\":1,\"request\":\"one\"}\n"
+      "{\"time\":T,\"event\":\"error\",\"message\":\"listen: command exit status 1; no answer "
+      "sent\"}\n"
+      "{\"time\":T,\"event\":\"request\",\"seq\":2,\"request\":\"two \\\"quoted\\\"\"}\n"
+      "{\"time\":T,\"event\":\"error\",\"message\":\"listen: command exit status 1; no answer "
+      "sent\"}\n",
+      std::regex_replace(cli_.out(), stamp, "\"time\":T"));
 }
 
 TEST_F(DaemonListen, SecondSignalEndsAtOnce) {
@@ -173,7 +194,7 @@ TEST_F(DaemonListen, SecondSignalEndsAtOnce) {
       [this](const Received &r) { return r.conn == conn_ && r.method == "unregister_callback"; },
       kWaitMs));
   ASSERT_TRUE(cli_.send_signal(SIGINT));  // the other one: both were one-shot
-  EXPECT_EQ(-1, cli_.wait_exit(3000).value_or(-2));
+  EXPECT_EQ(-SIGINT, cli_.wait_exit(3000).value_or(-1000));
 }
 
 TEST_F(DaemonListen, StopsWhenItsTimeIsUp) {

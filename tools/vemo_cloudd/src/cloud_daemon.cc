@@ -37,17 +37,14 @@ int CloudDaemon::State::run_on_loop(std::function<int(Loop &)> fn) {
 }
 
 void CloudDaemon::State::emit(const std::string &line) {
-  LogSink copy;
-  {
-    MutexLock lock(mu);
-    copy = sink;
-  }
-  if (copy) copy(line);
+  const std::shared_ptr<const Settings> s = settings_snapshot();
+  if (s->sink) s->sink(line);
 }
 
-Received CloudDaemon::State::record_received(Received r) {
+Received CloudDaemon::State::record_received(Received r, bool keep) {
   MutexLock lock(mu);
   r.index = received.size();
+  if (!keep) return r;
   received.push_back(r);
   cv.broadcast();
   return r;
@@ -64,9 +61,17 @@ void CloudDaemon::State::record_sent(int conn, const std::string &text, bool raw
   cv.broadcast();
 }
 
-Behaviour CloudDaemon::State::behaviour_snapshot() const {
+std::shared_ptr<const CloudDaemon::State::Settings> CloudDaemon::State::settings_snapshot() const {
   MutexLock lock(mu);
-  return behaviour;
+  return settings;
+}
+
+void CloudDaemon::State::change_settings(const std::function<void(Settings &)> &change) {
+  MutexLock lock(mu);
+  auto next = std::make_shared<Settings>(*settings);
+  change(*next);
+  settings = std::move(next);
+  settings_version.fetch_add(1, std::memory_order_release);
 }
 
 int CloudDaemon::State::take_request_id() {
@@ -181,14 +186,13 @@ std::string CloudDaemon::last_error() const {
 
 // ---- Behaviour ------------------------------------------------------------------------------
 
-Behaviour CloudDaemon::behaviour() const { return state_->behaviour_snapshot(); }
+Behaviour CloudDaemon::behaviour() const { return state_->settings_snapshot()->behaviour; }
 
-#define VEMO_CLOUDD_SET(stmt)         \
-  do {                                \
-    MutexLock lock(state_->mu);       \
-    Behaviour &b = state_->behaviour; \
-    stmt;                             \
-  } while (0)
+#define VEMO_CLOUDD_SET(stmt) \
+  state_->change_settings([&](State::Settings &s) { \
+    Behaviour &b = s.behaviour;                    \
+    stmt;                                          \
+  })
 
 void CloudDaemon::set_behaviour(const Behaviour &value) { VEMO_CLOUDD_SET(b = value); }
 void CloudDaemon::set_greeting(int type, int delay_ms) {
@@ -224,13 +228,15 @@ void CloudDaemon::set_next_cloud_request_id(int id) {
 }
 
 void CloudDaemon::set_handler(Handler handler) {
-  MutexLock lock(state_->mu);
-  state_->handler = std::move(handler);
+  state_->change_settings([&](State::Settings &s) { s.handler = std::move(handler); });
 }
 
 void CloudDaemon::set_log_sink(LogSink sink) {
-  MutexLock lock(state_->mu);
-  state_->sink = std::move(sink);
+  state_->change_settings([&](State::Settings &s) { s.sink = std::move(sink); });
+}
+
+void CloudDaemon::set_keep_log(bool keep) {
+  state_->change_settings([keep](State::Settings &s) { s.keep_log = keep; });
 }
 
 // ---- Commands -------------------------------------------------------------------------------
@@ -271,6 +277,25 @@ int CloudDaemon::send_bytes(const std::string &bytes, int conn) {
     for (int id : loop.targets(conn)) sent += loop.send_raw(id, bytes) ? 1 : 0;
     return sent;
   });
+}
+
+std::vector<HeldRequest> CloudDaemon::held_requests() {
+  std::vector<HeldRequest> out;
+  state_->run_on_loop([&out](Loop &loop) {
+    out = loop.held();
+    return 0;
+  });
+  return out;
+}
+
+int CloudDaemon::respond_held(int request_id, const std::string &text) {
+  return state_->run_on_loop(
+      [&](Loop &loop) { return loop.answer_held(request_id, false, 0, text) ? 1 : 0; });
+}
+
+int CloudDaemon::fail_held(int request_id, int code) {
+  return state_->run_on_loop(
+      [&](Loop &loop) { return loop.answer_held(request_id, true, code, std::string()) ? 1 : 0; });
 }
 
 int CloudDaemon::close_connections(int conn) {

@@ -1,5 +1,6 @@
 #include "console.h"
 
+#include "json.h"
 #include "options.h"
 
 namespace vemo {
@@ -43,7 +44,8 @@ std::string to_whom(int sent, int conn) {
 std::string command_help() {
   return "commands ([@N] addresses connection N only):\n"
          "  cloud_request TEXT | hello_request | hello_response TEXT | notify TYPE\n"
-         "  raw TEXT | bytes HEX | close | status | help | quit";
+         "  raw TEXT | bytes HEX | close | status | help | quit\n"
+         "  held | respond ID TEXT | fail ID CODE | set OPTION [on|off|VALUE] | show";
 }
 
 int parse_command(const std::string &raw_line, ConsoleCommand *out, std::string *error) {
@@ -85,6 +87,11 @@ int parse_command(const std::string &raw_line, ConsoleCommand *out, std::string 
       {"raw", ConsoleCommand::kRaw, true},
       {"bytes", ConsoleCommand::kBytes, true},
       {"close", ConsoleCommand::kClose, false},
+      {"held", ConsoleCommand::kHeld, false},
+      {"respond", ConsoleCommand::kRespond, true},
+      {"fail", ConsoleCommand::kFail, true},
+      {"set", ConsoleCommand::kSet, true},
+      {"show", ConsoleCommand::kShow, false},
       {"status", ConsoleCommand::kStatus, false},
       {"help", ConsoleCommand::kHelp, false},
       {"quit", ConsoleCommand::kQuit, false},
@@ -96,20 +103,45 @@ int parse_command(const std::string &raw_line, ConsoleCommand *out, std::string 
       return -1;
     }
     out->kind = e.kind;
-    if (e.kind == ConsoleCommand::kNotify) {
-      if (!parse_int(rest, &out->number)) {
-        *error = "notify expects a type number, got '" + rest + "'";
-        return -1;
+    // The first word of the rest, and what follows its one space (respond's TEXT, as typed).
+    const std::size_t split = rest.find(' ');
+    const std::string first = rest.substr(0, split);
+    const std::string second = split == std::string::npos ? std::string() : rest.substr(split + 1);
+    switch (e.kind) {
+      case ConsoleCommand::kNotify:
+        if (!parse_int(rest, &out->number)) {
+          *error = "notify expects a type number, got '" + rest + "'";
+          return -1;
+        }
+        return 0;
+      case ConsoleCommand::kBytes:
+        if (!decode_hex(rest, &out->text)) {
+          *error = "bytes expects pairs of hex digits, got '" + rest + "'";
+          return -1;
+        }
+        return 0;
+      case ConsoleCommand::kRespond:
+      case ConsoleCommand::kFail:
+        if (!parse_int(first, &out->number) ||
+            (e.kind == ConsoleCommand::kFail && (!parse_int(second, &out->code) || out->code == 0))) {
+          *error = e.kind == ConsoleCommand::kRespond
+                       ? "respond expects a request id and a text, got '" + rest + "'"
+                       : "fail expects a request id and a non-zero code, got '" + rest + "'";
+          return -1;
+        }
+        if (e.kind == ConsoleCommand::kRespond) out->text = second;
+        return 0;
+      case ConsoleCommand::kSet: {
+        // A switch alone means on; the value is checked here, so that a bad line changes nothing.
+        out->option = first;
+        out->text = second.empty() && is_behaviour_switch(first) ? "on" : second;
+        Behaviour scratch;
+        return set_behaviour_option(out->option, out->text, "set " + first, &scratch, error);
       }
-    } else if (e.kind == ConsoleCommand::kBytes) {
-      if (!decode_hex(rest, &out->text)) {
-        *error = "bytes expects pairs of hex digits, got '" + rest + "'";
-        return -1;
-      }
-    } else {
-      out->text = rest;
+      default:
+        out->text = rest;
+        return 0;
     }
-    return 0;
   }
   *error = "unknown command '" + word + "' (type help)";
   return -1;
@@ -139,6 +171,33 @@ std::string run_command(CloudDaemon &daemon, const ConsoleCommand &cmd) {
       return "bytes " + to_whom(daemon.send_bytes(cmd.text, conn), conn);
     case ConsoleCommand::kClose:
       return "closed " + std::to_string(daemon.close_connections(conn)) + " connection(s)";
+    case ConsoleCommand::kHeld: {
+      const std::vector<HeldRequest> held = daemon.held_requests();
+      std::string out = "held: " + std::to_string(held.size()) + " request(s)";
+      for (const HeldRequest &h : held) {
+        out += "\n  " + std::to_string(h.request_id) + " from connection " +
+               std::to_string(h.conn) + ": " + quoted(h.request);
+      }
+      return out;
+    }
+    case ConsoleCommand::kRespond:
+    case ConsoleCommand::kFail: {
+      const bool respond = cmd.kind == ConsoleCommand::kRespond;
+      const int sent = respond ? daemon.respond_held(cmd.number, cmd.text)
+                               : daemon.fail_held(cmd.number, cmd.code);
+      return std::string(respond ? "respond " : "fail ") + std::to_string(cmd.number) +
+             (sent != 0 ? " sent" : ": no such request held");
+    }
+    case ConsoleCommand::kSet: {
+      // Read, change, write back: the console is the only writer while the program runs.
+      Behaviour b = daemon.behaviour();
+      std::string error;
+      set_behaviour_option(cmd.option, cmd.text, "set " + cmd.option, &b, &error);
+      daemon.set_behaviour(b);
+      return "behaviour: " + describe_behaviour(b);
+    }
+    case ConsoleCommand::kShow:
+      return "behaviour: " + describe_behaviour(daemon.behaviour());
     case ConsoleCommand::kStatus: {
       std::string ids;
       for (int id : daemon.open_connection_ids()) ids += " " + std::to_string(id);

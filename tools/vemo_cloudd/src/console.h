@@ -20,14 +20,21 @@ struct ConsoleCommand {
     kRaw,
     kBytes,
     kClose,
+    kHeld,
+    kRespond,
+    kFail,
+    kSet,
+    kShow,
     kStatus,
     kHelp,
     kQuit,
   };
   Kind kind = kNothing;
   int conn = kAllConnections;  // from an "@N " prefix
-  std::string text;            // the rest of the line (TEXT), or the decoded bytes
-  int number = 0;              // TYPE
+  std::string text;            // the rest of the line (TEXT), the decoded bytes, set's VALUE
+  int number = 0;              // TYPE, or the ID of respond and fail
+  int code = 0;                // fail's CODE
+  std::string option;          // set's OPTION
 };
 
 // 0, or -1 with *error telling what is wrong with the line.

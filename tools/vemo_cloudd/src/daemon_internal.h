@@ -14,6 +14,7 @@
 #include <thread>
 #include <vector>
 
+#include "connection.h"
 #include "socket_path.h"
 #include "util/sync.h"
 #include "util/thread_annotations.h"
@@ -52,11 +53,19 @@ struct CloudDaemon::State {
   std::deque<std::shared_ptr<Command>> commands GUARDED_BY(mu);
   std::string last_error GUARDED_BY(mu);
 
-  Behaviour behaviour GUARDED_BY(mu);
+  // What the loop consults for every message. The setters replace it as a whole and bump
+  // `version`, so that the loop takes a new snapshot only after a change, without a lock on its
+  // way through a message.
+  struct Settings {
+    Behaviour behaviour;
+    Handler handler;
+    LogSink sink;
+    bool keep_log = true;
+  };
+  std::shared_ptr<const Settings> settings GUARDED_BY(mu) = std::make_shared<Settings>();
+  std::atomic<uint64_t> settings_version{0};
   int next_request_id GUARDED_BY(mu) = 1000;
   int next_cloud_id GUARDED_BY(mu) = 1;
-  Handler handler GUARDED_BY(mu);
-  LogSink sink GUARDED_BY(mu);
 
   std::vector<Received> received GUARDED_BY(mu);
   std::vector<Sent> sent GUARDED_BY(mu);
@@ -66,11 +75,13 @@ struct CloudDaemon::State {
   // Runs fn on the loop thread (at once when called there) and returns its result; 0 when
   // the loop is not running.
   int run_on_loop(std::function<int(Loop &)> fn) EXCLUDES(mu);
-  // Hands one line to the log sink, outside the lock.
+  // Hands one line to the log sink, outside the lock (for threads other than the loop's).
   void emit(const std::string &line) EXCLUDES(mu);
-  Received record_received(Received r) EXCLUDES(mu);
+  // Adds to the logs (when they are kept) and wakes their waiters.
+  Received record_received(Received r, bool keep) EXCLUDES(mu);
   void record_sent(int conn, const std::string &text, bool raw_bytes) EXCLUDES(mu);
-  Behaviour behaviour_snapshot() const EXCLUDES(mu);
+  std::shared_ptr<const Settings> settings_snapshot() const EXCLUDES(mu);
+  void change_settings(const std::function<void(Settings &)> &change) EXCLUDES(mu);
   int take_request_id() EXCLUDES(mu);
   int take_cloud_id() EXCLUDES(mu);
 };
@@ -91,7 +102,9 @@ class CloudDaemon::Loop {
   static Loop *current() { return current_; }
   State &state() { return st_; }
 
-  // For commands, handlers and timers; loop thread only.
+  // For commands, handlers and timers; loop thread only. Frames are queued on their
+  // connection and handed to the socket at the end of the loop's pass (send_frame is false
+  // only when the connection is not open).
   std::vector<int> targets(int conn) const;
   bool send_frame(int conn, const std::string &text);
   bool send_raw(int conn, const std::string &bytes);
@@ -100,18 +113,37 @@ class CloudDaemon::Loop {
   // Sends now, or after delay_ms when it is positive; the number of target connections.
   int send_to(int conn, const std::string &text, int delay_ms);
   void note_cloud_request(int id) { outstanding_cloud_ids_.insert(id); }
+  std::vector<HeldRequest> held() const;
+  // Sends the response of a held request (with text, or failed with code) and forgets it;
+  // false when there is no such request.
+  bool answer_held(int request_id, bool failed, int code, const std::string &text);
 
  private:
+  struct Held {
+    int conn;
+    std::string text;
+  };
+  using SettingsPtr = std::shared_ptr<const State::Settings>;
+
   void accept_all();
   void receive(int conn);
+  void handle(int conn, const std::string &payload);
   void run_commands();
   void fire_due_timers();
+  void flush_all();
+  void flush(int conn);
   int poll_timeout_ms() const;
+  // Takes the settings anew when a setter has changed them.
+  void refresh_settings();
+  bool tracing() const { return static_cast<bool>(settings_->sink); }
+  // One line to the log sink; callers build lines only when tracing().
+  void trace(const std::string &line) const;
 
   // The daemon's own part of the conversation (answer.cc).
-  void answer(const Received &msg, const Behaviour &b);
-  void answer_device_request(const Received &msg, const Behaviour &b);
-  void answer_other_request(const Received &msg, const Behaviour &b);
+  void answer(const Received &msg);
+  void answer_device_request(const Received &msg);
+  void answer_other_request(const Received &msg);
+  void respond(int conn, int request_id, const std::string &text, const SettingsPtr &s);
   void note_reply(const Received &msg);  // logs a client's answer to a request of ours
   void greet(int conn);
 
@@ -123,10 +155,14 @@ class CloudDaemon::Loop {
   const std::string path_;
   const FileId bound_;
   bool ran_ = false;
-  std::map<int, int> conns_;                                        // connection id -> descriptor
+  SettingsPtr settings_;
+  uint64_t settings_version_ = 0;
+  std::map<int, std::unique_ptr<Connection>> conns_;  // by connection id
+  std::string payload_;  // the frame being handled, its capacity kept from frame to frame
   std::multimap<Clock::time_point, std::function<void()>> timers_;  // equal times keep order
   bool accept_paused_ = false;
   std::set<int> outstanding_cloud_ids_;
+  std::map<int, Held> held_;  // by request id
 };
 
 }  // namespace cloudd

@@ -10,7 +10,7 @@
 #include "daemon_internal.h"
 #include "json.h"
 #include "protocol.h"
-#include "vemo/ipc_socket.h"
+#include "vemo/codes.h"
 
 namespace vemo {
 namespace cloudd {
@@ -22,6 +22,10 @@ namespace {
 // How long accepting pauses when the process runs out of descriptors: without the pause the
 // still-readable listening socket would turn the loop into a busy one.
 constexpr int kAcceptRetryMs = 100;
+// A client that does not read what the daemon answers is not read from either once this much
+// output waits for it: its own sends then block, and the daemon's memory stays bounded without
+// the daemon ever blocking on it.
+constexpr std::size_t kMaxPendingOutput = 1024 * 1024;
 
 std::string conn_text(int conn) { return std::to_string(conn); }
 
@@ -42,6 +46,7 @@ CloudDaemon::Loop::~Loop() {
 void CloudDaemon::Loop::run() {
   ran_ = true;
   current_ = this;
+  settings_ = st_.settings_snapshot();
   std::vector<struct pollfd> fds;
   std::vector<int> ids;
   while (!st_.stop_requested.load()) {
@@ -50,7 +55,10 @@ void CloudDaemon::Loop::run() {
     fds.push_back({wake_fd_, POLLIN, 0});
     fds.push_back({accept_paused_ ? -1 : listen_fd_, POLLIN, 0});  // poll skips a negative fd
     for (const auto &entry : conns_) {
-      fds.push_back({entry.second, POLLIN, 0});
+      const std::size_t pending = entry.second->pending_output();
+      short events = pending < kMaxPendingOutput ? POLLIN : 0;
+      if (pending > 0) events |= POLLOUT;
+      fds.push_back({entry.second->fd(), events, 0});
       ids.push_back(entry.first);
     }
     int n = poll(fds.data(), fds.size(), poll_timeout_ms());
@@ -59,6 +67,7 @@ void CloudDaemon::Loop::run() {
       st_.emit(std::string("error poll failed: ") + strerror(errno));
       break;
     }
+    refresh_settings();
     if (fds[0].revents != 0) {
       uint64_t count;
       ssize_t got = read(wake_fd_, &count, sizeof(count));
@@ -66,17 +75,19 @@ void CloudDaemon::Loop::run() {
       run_commands();
     }
     if ((fds[1].revents & POLLIN) != 0) accept_all();
-    for (std::size_t i = 0; i < ids.size(); ++i) {
+    for (std::size_t i = 0; i < ids.size() && !st_.stop_requested.load(); ++i) {
       short revents = fds[i + 2].revents;
       // A command, a handler or an earlier message may have closed it in this very pass.
       if (revents == 0 || conns_.count(ids[i]) == 0) continue;
+      if ((revents & POLLOUT) != 0) flush(ids[i]);
       if ((revents & POLLIN) != 0) {
         receive(ids[i]);
-      } else {
+      } else if ((revents & (POLLERR | POLLHUP | POLLNVAL)) != 0) {
         close_connection(ids[i], "hung up");
       }
     }
     fire_due_timers();
+    flush_all();
   }
 
   {
@@ -99,6 +110,17 @@ void CloudDaemon::Loop::run() {
     st_.cv.broadcast();
   }
   current_ = nullptr;
+}
+
+void CloudDaemon::Loop::refresh_settings() {
+  if (st_.settings_version.load(std::memory_order_acquire) == settings_version_) return;
+  MutexLock lock(st_.mu);
+  settings_ = st_.settings;
+  settings_version_ = st_.settings_version.load(std::memory_order_relaxed);
+}
+
+void CloudDaemon::Loop::trace(const std::string &line) const {
+  if (settings_->sink) settings_->sink(line);
 }
 
 int CloudDaemon::Loop::poll_timeout_ms() const {
@@ -130,18 +152,30 @@ void CloudDaemon::Loop::run_commands() {
     MutexLock lock(st_.mu);
     batch.swap(st_.commands);
   }
-  for (auto &cmd : batch) {
-    int result = cmd->fn(*this);
-    MutexLock lock(st_.mu);
-    cmd->result = result;
-    cmd->done = true;
-    st_.cv.broadcast();
+  for (auto &cmd : batch) cmd->result = cmd->fn(*this);
+  // What the commands sent is on its way before their callers go on.
+  flush_all();
+  MutexLock lock(st_.mu);
+  for (auto &cmd : batch) cmd->done = true;
+  st_.cv.broadcast();
+}
+
+void CloudDaemon::Loop::flush(int conn) {
+  auto it = conns_.find(conn);
+  if (it == conns_.end() || it->second->pending_output() == 0) return;
+  if (!it->second->flush()) close_connection(conn, std::string("send failed: ") + strerror(errno));
+}
+
+void CloudDaemon::Loop::flush_all() {
+  for (auto it = conns_.begin(); it != conns_.end();) {
+    const int conn = (it++)->first;  // flush may close it
+    flush(conn);
   }
 }
 
 void CloudDaemon::Loop::accept_all() {
   for (;;) {
-    int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC);
+    int fd = accept4(listen_fd_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     if (fd < 0) {
       if (errno == EINTR || errno == ECONNABORTED) continue;
       if (errno == EAGAIN || errno == EWOULDBLOCK) return;
@@ -158,8 +192,8 @@ void CloudDaemon::Loop::accept_all() {
       MutexLock lock(st_.mu);
       id = ++st_.seen;
     }
-    st_.emit("connected " + conn_text(id));
-    conns_[id] = fd;
+    if (tracing()) trace("connected " + conn_text(id));
+    conns_[id].reset(new Connection(fd));
     {
       MutexLock lock(st_.mu);
       st_.open_ids.push_back(id);
@@ -170,32 +204,42 @@ void CloudDaemon::Loop::accept_all() {
 }
 
 void CloudDaemon::Loop::receive(int conn) {
-  char *text = nullptr;
-  int rc = ipc_socket_recv(conns_[conn], &text);
-  if (rc != 0) {
-    free(text);
-    // After a bad frame the stream cannot be trusted to be at a frame boundary again.
-    close_connection(conn, rc == VEMO_ERR_PEER_CLOSED
-                               ? std::string("closed by the client")
-                               : "receive failed, code=" + std::to_string(rc));
-    return;
+  auto it = conns_.find(conn);
+  if (it == conns_.end()) return;  // a failed flush in this pass closed it
+  const Connection::ReadResult read = it->second->read_some();
+  // Every whole frame that came in this read is handled now; what a handler does may close
+  // the connection or stop the daemon between two of them.
+  for (;;) {
+    it = conns_.find(conn);
+    if (it == conns_.end() || st_.stop_requested.load()) return;
+    const int rc = it->second->next_frame(&payload_);
+    if (rc == 0) break;
+    if (rc < 0) {
+      // After a bad frame the stream cannot be trusted to be at a frame boundary again.
+      close_connection(conn, "receive failed, code=" + std::to_string(rc));
+      return;
+    }
+    handle(conn, payload_);
   }
-  std::string payload(text);
-  free(text);
+  if (read == Connection::ReadResult::kClosed && !it->second->mid_frame()) {
+    close_connection(conn, "closed by the client");
+  } else if (read == Connection::ReadResult::kClosed || read == Connection::ReadResult::kFailed) {
+    // A frame cut off by the end of the stream, or a failed receive (a reset, say).
+    close_connection(conn, "receive failed, code=" + std::to_string(VEMO_ERR_SHORT_READ));
+  }
+}
+
+void CloudDaemon::Loop::handle(int conn, const std::string &payload) {
   // The settings in force when the message arrived decide its answer, even if a waiter that
   // sees it recorded changes them at once.
-  const Behaviour behaviour = st_.behaviour_snapshot();
-  st_.emit("recv " + conn_text(conn) + " " + describe_payload(payload));
+  refresh_settings();
+  const SettingsPtr settings = settings_;
   Received parsed = parse_received(conn, payload);
+  if (tracing()) trace("recv " + conn_text(conn) + " " + describe_payload(payload, parsed.json));
   if (parsed.is_reply()) note_reply(parsed);
-  Received msg = st_.record_received(std::move(parsed));
-  Handler handler;
-  {
-    MutexLock lock(st_.mu);
-    handler = st_.handler;
-  }
-  if (handler && handler(*st_.owner, msg)) return;
-  answer(msg, behaviour);
+  const Received msg = st_.record_received(std::move(parsed), settings->keep_log);
+  if (settings->handler && settings->handler(*st_.owner, msg)) return;
+  answer(msg);
 }
 
 std::vector<int> CloudDaemon::Loop::targets(int conn) const {
@@ -211,35 +255,24 @@ std::vector<int> CloudDaemon::Loop::targets(int conn) const {
 bool CloudDaemon::Loop::send_frame(int conn, const std::string &text) {
   auto it = conns_.find(conn);
   if (it == conns_.end()) {
-    st_.emit("error " + conn_text(conn) +
-             " not sent, the connection is closed: " + describe_payload(text));
+    if (tracing()) {
+      trace("error " + conn_text(conn) +
+            " not sent, the connection is closed: " + describe_payload(text));
+    }
     return false;
   }
-  int rc = ipc_socket_send(it->second, text.c_str());
-  if (rc != 0) {
-    close_connection(conn, "send failed, code=" + std::to_string(rc));
-    return false;
-  }
-  st_.emit("send " + conn_text(conn) + " " + describe_payload(text));
-  st_.record_sent(conn, text, false);
+  it->second->queue_frame(text);
+  if (tracing()) trace("send " + conn_text(conn) + " " + describe_payload(text));
+  if (settings_->keep_log) st_.record_sent(conn, text, false);
   return true;
 }
 
 bool CloudDaemon::Loop::send_raw(int conn, const std::string &bytes) {
   auto it = conns_.find(conn);
   if (it == conns_.end()) return false;
-  std::size_t done = 0;
-  while (done < bytes.size()) {
-    ssize_t n = send(it->second, bytes.data() + done, bytes.size() - done, MSG_NOSIGNAL);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) {
-      close_connection(conn, std::string("send failed: ") + strerror(errno));
-      return false;
-    }
-    done += static_cast<std::size_t>(n);
-  }
-  st_.emit("send " + conn_text(conn) + " (bytes) " + hex(bytes));
-  st_.record_sent(conn, bytes, true);
+  it->second->queue_bytes(bytes);
+  if (tracing()) trace("send " + conn_text(conn) + " (bytes) " + hex(bytes));
+  if (settings_->keep_log) st_.record_sent(conn, bytes, true);
   return true;
 }
 
@@ -257,9 +290,13 @@ int CloudDaemon::Loop::send_to(int conn, const std::string &text, int delay_ms) 
 void CloudDaemon::Loop::close_connection(int conn, const std::string &why) {
   auto it = conns_.find(conn);
   if (it == conns_.end()) return;
-  st_.emit("disconnected " + conn_text(conn) + " (" + why + ")");
-  close(it->second);
+  // What was queued before the close still goes, as far as the socket takes it at once.
+  it->second->flush();
+  if (tracing()) trace("disconnected " + conn_text(conn) + " (" + why + ")");
   conns_.erase(it);
+  for (auto held = held_.begin(); held != held_.end();) {
+    held = held->second.conn == conn ? held_.erase(held) : std::next(held);
+  }
   {
     MutexLock lock(st_.mu);
     auto &ids = st_.open_ids;

@@ -10,6 +10,8 @@
 #include <string.h>
 #include <sys/signalfd.h>
 #include <sys/stat.h>
+#include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <string>
@@ -45,6 +47,17 @@ int install_signals() {
   // A client that vanishes must cost a failed send, not the daemon.
   signal(SIGPIPE, SIG_IGN);
   return 0;
+}
+
+// Prints one trace line after the local time, in the form of the library's log lines
+// ("2024-05-01 12:00:00.123"), so that the two can be laid side by side.
+void print_trace(const std::string &line) {
+  struct timeval now;
+  gettimeofday(&now, nullptr);
+  struct tm local;
+  char stamp[32] = "0000-00-00 00:00:00";
+  if (localtime_r(&now.tv_sec, &local) != nullptr) strftime(stamp, sizeof stamp, "%Y-%m-%d %H:%M:%S", &local);
+  printf("%s.%03d %s\n", stamp, static_cast<int>(now.tv_usec / 1000), line.c_str());
 }
 
 // One source of command lines; collects bytes until whole lines are there.
@@ -110,8 +123,9 @@ int main(int argc, char **argv) {
             error.c_str());
     return kExitUsage;
   }
-  if (opts.help) {
-    fputs(vemo::cloudd::usage_text().c_str(), stdout);
+  if (opts.help || opts.version) {
+    fputs(opts.help ? vemo::cloudd::usage_text().c_str() : (vemo::cloudd::version_text() + "\n").c_str(),
+          stdout);
     return 0;
   }
   if (install_signals() != 0) {
@@ -124,11 +138,13 @@ int main(int argc, char **argv) {
   vemo::log_set_stream(library_log != nullptr ? library_log : stderr);
 
   CloudDaemon daemon(opts.socket);
+  // Nothing here reads the message log back, and a load test would grow it without bound.
+  daemon.set_keep_log(false);
   daemon.set_behaviour(opts.behaviour);
   daemon.set_next_request_id(opts.first_request_id);
   daemon.set_next_cloud_request_id(opts.first_cloud_id);
   if (!opts.quiet) {
-    daemon.set_log_sink([](const std::string &line) { printf("%s\n", line.c_str()); });
+    daemon.set_log_sink(print_trace);
   }
   std::vector<LineSource> sources;
   sources.push_back({"standard input", STDIN_FILENO, std::string()});
@@ -164,7 +180,7 @@ int main(int argc, char **argv) {
     if (fds[0].revents != 0) {
       struct signalfd_siginfo info;
       if (read(g_signal_fd, &info, sizeof info) == static_cast<ssize_t>(sizeof info) && !opts.quiet)
-        printf("stopping on %s\n", info.ssi_signo == SIGINT ? "SIGINT" : "SIGTERM");
+        print_trace(info.ssi_signo == SIGINT ? "stopping on SIGINT" : "stopping on SIGTERM");
       break;
     }
     for (std::size_t i = 0; i < sources.size() && !quit; ++i) {
@@ -182,7 +198,7 @@ int main(int argc, char **argv) {
       // source is dropped while the daemon keeps serving.
       quit = run_lines(daemon, src, true);
       if (src.fd == STDIN_FILENO && !quit && !opts.quiet) {
-        printf("standard input closed; serving until quit, SIGINT or SIGTERM\n");
+        print_trace("standard input closed; serving until quit, SIGINT or SIGTERM");
       }
       sources.erase(sources.begin() + static_cast<std::ptrdiff_t>(i));
       break;

@@ -7,16 +7,21 @@ namespace cloudd {
 
 namespace {
 
-// Builders below add members in the order in which the client prints its own messages, so
-// the daemon's lines read the same way.
-JsonPtr object() { return JsonPtr(cJSON_CreateObject()); }
-
-void add_number(cJSON *obj, const char *key, int value) {
-  cJSON_AddItemToObject(obj, key, cJSON_CreateNumber(value));
+// Messages are written straight into their text, as cJSON_PrintUnformatted would print the same
+// tree (members in the order in which the client prints its own messages, integers in decimal,
+// strings escaped by append_json_string): a tree built and printed per message costs the daemon
+// more than the rest of its answer.
+std::string &key(std::string &out, const char *name) {
+  out += '"';
+  out += name;
+  out += "\":";
+  return out;
 }
 
-void add_string(cJSON *obj, const char *key, const std::string &value) {
-  cJSON_AddItemToObject(obj, key, cJSON_CreateString(value.c_str()));
+void add_number(std::string &out, const char *name, int value) { key(out, name) += std::to_string(value); }
+
+void add_string(std::string &out, const char *name, const std::string &value) {
+  append_json_string(&key(out, name), value);
 }
 
 const cJSON *member(const cJSON *obj, const char *key) {
@@ -45,65 +50,59 @@ bool is_client_method(const std::string &method) {
 }
 
 std::string make_ack(int id, int code, const int *request_id) {
-  JsonPtr msg = object();
-  add_number(msg.get(), "inner_id", id);
-  add_number(msg.get(), "inner_error_code", code);
+  std::string out = "{";
+  add_number(out, "inner_id", id);
+  out += ',';
+  add_number(out, "inner_error_code", code);
   if (request_id != nullptr) {
-    cJSON *result = cJSON_CreateObject();
-    add_number(result, "id", *request_id);
-    cJSON_AddItemToObject(msg.get(), "inner_result", result);
+    out += ",\"inner_result\":{";
+    add_number(out, "id", *request_id);
+    out += '}';
   }
-  return print_unformatted(msg.get());
+  return out += '}';
 }
 
 std::string make_response(int request_id, const std::string &text) {
-  JsonPtr msg = object();
-  add_number(msg.get(), "inner_error_code", 0);
-  cJSON *result = cJSON_CreateObject();
-  add_number(result, "id", request_id);
-  add_string(result, "response", text);
-  cJSON_AddItemToObject(msg.get(), "inner_result", result);
-  return print_unformatted(msg.get());
+  std::string out;
+  out.reserve(64 + text.size());
+  out = "{\"inner_error_code\":0,\"inner_result\":{";
+  add_number(out, "id", request_id);
+  out += ',';
+  add_string(out, "response", text);
+  return out += "}}";
 }
 
-std::string make_failed_response(int code) {
-  JsonPtr msg = object();
-  add_number(msg.get(), "inner_error_code", code);
-  return print_unformatted(msg.get());
+std::string make_failed_response(int code, const int *request_id) {
+  std::string out = "{";
+  add_number(out, "inner_error_code", code);
+  if (request_id != nullptr) {
+    out += ",\"inner_result\":{";
+    add_number(out, "id", *request_id);
+    out += '}';
+  }
+  return out += '}';
 }
 
 std::string make_cloud_request(int id, const std::string &text) {
-  JsonPtr msg = object();
-  add_string(msg.get(), "inner_method", kCloudRequest);
-  add_number(msg.get(), "inner_id", id);
-  cJSON *params = cJSON_CreateObject();
-  add_string(params, "request", text);
-  cJSON_AddItemToObject(msg.get(), "inner_params", params);
-  return print_unformatted(msg.get());
+  std::string out = "{\"inner_method\":\"cloud_request\",";
+  add_number(out, "inner_id", id);
+  out += ",\"inner_params\":{";
+  add_string(out, "request", text);
+  return out += "}}";
 }
 
-std::string make_hello_request() {
-  JsonPtr msg = object();
-  add_string(msg.get(), "inner_method", kHelloRequest);
-  return print_unformatted(msg.get());
-}
+std::string make_hello_request() { return "{\"inner_method\":\"request_of_hello_cloud\"}"; }
 
 std::string make_hello_response(const std::string &text) {
-  JsonPtr msg = object();
-  add_string(msg.get(), "inner_method", kHelloResponse);
-  cJSON *params = cJSON_CreateObject();
-  add_string(params, "response", text);
-  cJSON_AddItemToObject(msg.get(), "inner_params", params);
-  return print_unformatted(msg.get());
+  std::string out = "{\"inner_method\":\"response_of_hello_cloud\",\"inner_params\":{";
+  add_string(out, "response", text);
+  return out += "}}";
 }
 
 std::string make_server_notify(int type) {
-  JsonPtr msg = object();
-  add_string(msg.get(), "inner_method", kServerNotify);
-  cJSON *params = cJSON_CreateObject();
-  add_number(params, "type", type);
-  cJSON_AddItemToObject(msg.get(), "inner_params", params);
-  return print_unformatted(msg.get());
+  std::string out = "{\"inner_method\":\"server_notify\",\"inner_params\":{";
+  add_number(out, "type", type);
+  return out += "}}";
 }
 
 Received parse_received(int conn, const std::string &text) {
@@ -128,10 +127,17 @@ Received parse_received(int conn, const std::string &text) {
 
 std::string describe_payload(const std::string &text) {
   JsonPtr root(cJSON_Parse(text.c_str()));
-  if (!root || !cJSON_IsObject(root.get())) return "(not json) " + quoted(text);
+  return describe_payload(text, root && cJSON_IsObject(root.get()));
+}
+
+std::string describe_payload(const std::string &text, bool json) {
+  if (!json) return "(not json) " + quoted(text);
   // Shown as it travelled, unless line breaks or other control bytes would split the line.
   for (unsigned char c : text) {
-    if (c < 0x20) return print_unformatted(root.get());
+    if (c < 0x20) {
+      JsonPtr root(cJSON_Parse(text.c_str()));
+      return print_unformatted(root.get());
+    }
   }
   return text;
 }

@@ -27,8 +27,9 @@ bool is_client_method(const std::string &method);
 std::string make_ack(int id, int code, const int *request_id);
 // {"inner_error_code":0,"inner_result":{"id":request_id,"response":text}}
 std::string make_response(int request_id, const std::string &text);
-// {"inner_error_code":code}: a failed response, nothing else.
-std::string make_failed_response(int code);
+// {"inner_error_code":code}: a failed response, nothing else; with
+// ,"inner_result":{"id":request_id} when request_id is not null, naming the request it fails.
+std::string make_failed_response(int code, const int *request_id = nullptr);
 // {"inner_method":"cloud_request","inner_id":id,"inner_params":{"request":text}}
 std::string make_cloud_request(int id, const std::string &text);
 // {"inner_method":"request_of_hello_cloud"}
@@ -44,8 +45,10 @@ std::string make_server_notify(int type);
 Received parse_received(int conn, const std::string &text);
 
 // The one log line for a received or sent payload: the JSON re-printed unformatted, or the
-// text quoted and marked when it is not a JSON object.
+// text quoted and marked when it is not a JSON object. json: whether the text is known to be a
+// JSON object (saves parsing it again).
 std::string describe_payload(const std::string &text);
+std::string describe_payload(const std::string &text, bool json);
 
 }  // namespace cloudd
 }  // namespace vemo

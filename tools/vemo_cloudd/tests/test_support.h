@@ -1,14 +1,14 @@
 // Helpers of the daemon's own tests: a raw client that speaks frames through the transport, and
-// a child process running the vemo_cloudd executable.
+// the vemo_cloudd executable as a child process.
 #ifndef VEMO_CLOUDD_TESTS_TEST_SUPPORT_H
 #define VEMO_CLOUDD_TESTS_TEST_SUPPORT_H
-
-#include <sys/types.h>
 
 #include <functional>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "child_process.h"
 
 namespace cloudd_test {
 
@@ -43,43 +43,24 @@ class RawClient {
   int last_code_ = 0;
 };
 
+// text in a frame of the transport: magic, four-byte big-endian length, text.
+std::string frame_of(const std::string &text);
+
 // {"inner_method":"device_request","inner_params":{"request":text,"timeout_ms":..,"flag":..},
 //  "inner_id":id}, as the client library prints it.
 std::string device_request(int id, const std::string &text, int timeout_ms = 3000, int flag = 0);
 
-// The vemo_cloudd executable as a child with its standard streams on pipes.
-class DaemonProcess {
+// line without the "YYYY-MM-DD hh:mm:ss.mmm " that starts a trace line; nullopt when it has none.
+std::optional<std::string> untimed(const std::string &line);
+
+// The vemo_cloudd executable as a child, started with args, its standard input a pipe.
+class DaemonProcess : public tools_test::ChildProcess {
  public:
   explicit DaemonProcess(const std::vector<std::string> &args);
-  ~DaemonProcess();  // kills the child if it still runs
-  DaemonProcess(const DaemonProcess &) = delete;
-  DaemonProcess &operator=(const DaemonProcess &) = delete;
-
-  bool started() const { return pid_ > 0; }
-  pid_t pid() const { return pid_; }
-  bool write_text(const std::string &text);  // to the child's standard input, as it is
-  bool write_line(const std::string &line);  // the same with a newline
-  void close_stdin();
-  // The first line of standard output (from the start, lines read so far included) that
-  // satisfies pred.
+  // As ChildProcess::wait_for_line, with trace lines passed to pred without their timestamp.
   std::optional<std::string> wait_for_line(const std::function<bool(const std::string &)> &pred,
                                            int timeout_ms);
   std::optional<std::string> wait_for_line_starting(const std::string &prefix, int timeout_ms);
-  // The exit status (as from waitpid) once the child ended; nullopt when it runs on.
-  std::optional<int> wait_exit(int timeout_ms);
-  std::string all_stdout();
-  std::string all_stderr();
-
- private:
-  bool pump(int timeout_ms);  // reads what the child wrote; false once both pipes are closed
-  pid_t pid_ = -1;
-  int in_ = -1;
-  int out_ = -1;
-  int err_ = -1;
-  std::string out_text_;
-  std::string err_text_;
-  bool exited_ = false;
-  int status_ = 0;
 };
 
 }  // namespace cloudd_test

@@ -5,7 +5,8 @@
 // a test starts one on a path of its own, scripts its behaviour with the setters, drives it with
 // the commands and waits on what it received.
 //
-// Threads: start() runs one event-loop thread that owns every socket. All public methods may be
+// Threads: start() runs one event-loop thread that owns every socket and answers every
+// connection without blocking on any of them. All public methods may be
 // called from any thread. Commands are carried out on the loop thread; the calling thread waits
 // until that is done (a command called from the loop thread itself, for example from a handler,
 // runs at once). Setters take effect for the next message handled.
@@ -51,11 +52,21 @@ struct Behaviour {
   int response_code = 0;       // non-zero: the notification is {"inner_error_code":code} alone
   bool drop_response = false;
   int duplicate_responses = 0;  // extra copies sent right after the response
+  // The response of an accepted device_request is held, whatever the settings above, until it
+  // is answered by hand (respond_held, fail_held).
+  bool hold_responses = false;
+};
+
+// A device_request whose response the daemon holds.
+struct HeldRequest {
+  int request_id = 0;
+  int conn = 0;         // the connection that asked, which the response goes to
+  std::string request;  // the request text
 };
 
 // One message that a client sent, as the daemon classified it.
 struct Received {
-  std::size_t index = 0;  // position in the log, from 0
+  std::size_t index = 0;  // position in the log, from 0 (with the log off: its size then)
   int conn = 0;           // connection id: 1 for the first connection accepted, then 2, ...
   std::string text;       // the payload exactly as received
   bool json = false;      // the text is a JSON object
@@ -129,6 +140,10 @@ class CloudDaemon {
   void set_next_cloud_request_id(int id);  // inner_id of the next cloud_request (default 1)
   void set_handler(Handler handler);       // an empty function removes it
   void set_log_sink(LogSink sink);
+  // Keeps every message received and sent for received(), sent() and the waits (the default).
+  // A daemon that serves a load test turns it off, or the log grows without bound; the waits
+  // then see nothing new.
+  void set_keep_log(bool keep);
 
   // Commands. conn is a connection id or kAllConnections. Each returns the number of
   // connections written to (0 when none is open or the daemon is not running); delay_ms > 0
@@ -143,6 +158,15 @@ class CloudDaemon {
   // Bytes written as they are, with no frame around them (for malformed frames).
   int send_bytes(const std::string &bytes, int conn = kAllConnections);
   int close_connections(int conn = kAllConnections);
+
+  // Held responses (Behaviour::hold_responses), oldest first. A request is forgotten once it
+  // has been answered or its connection has closed.
+  std::vector<HeldRequest> held_requests();
+  // Sends the held request's response with text, or a failed response of code that names the
+  // request ({"inner_error_code":code,"inner_result":{"id":request_id}}). 1 when sent, 0 when
+  // no such request is held.
+  int respond_held(int request_id, const std::string &text);
+  int fail_held(int request_id, int code);
 
   // Observation. Waits return early when the condition holds, and never block longer than
   // timeout_ms.
