@@ -73,8 +73,46 @@ void on_response(int id, const char *) {
   if (id % 2 != 0 && vemo_get_response(id, &text) == 0) free(text);
 }
 
+// The library's latest log lines, kept in memory (writing them all out would cost more than
+// the runs) and printed when a run fails.
+constexpr size_t kLogRingBytes = 1 << 20;
+std::mutex g_log_mu;  // guards the three below (the FILE's own lock is not one a sanitizer sees)
+char g_log_ring[kLogRingBytes];
+size_t g_log_at = 0;      // where the next byte goes
+bool g_log_full = false;  // the ring has wrapped
+
+ssize_t log_ring_write(void *, const char *data, size_t size) {
+  std::lock_guard<std::mutex> hold(g_log_mu);
+  for (size_t i = 0; i < size; ++i) {
+    g_log_ring[g_log_at] = data[i];
+    if (++g_log_at == kLogRingBytes) {
+      g_log_at = 0;
+      g_log_full = true;
+    }
+  }
+  return static_cast<ssize_t>(size);
+}
+
+FILE *open_log() {
+  // DISPATCH_FUZZ_LOG names a file for every line instead.
+  if (const char *path = getenv("DISPATCH_FUZZ_LOG")) return fopen(path, "w");
+  cookie_io_functions_t io = {nullptr, log_ring_write, nullptr, nullptr};
+  return fopencookie(nullptr, "w", io);
+}
+
 [[noreturn]] void die(const char *what, int code) {
   fprintf(stderr, "dispatch fuzz: %s, code=%d\n", what, code);
+  // The client's threads as they are (DISPATCH_FUZZ_GDB=1, where gdb is installed), then the
+  // library's last lines.
+  if (getenv("DISPATCH_FUZZ_GDB") != nullptr) {
+    std::string command = "gdb -p " + std::to_string(getpid()) + " -batch -ex 'thread apply all bt' 1>&2";
+    if (system(command.c_str()) != 0) fprintf(stderr, "dispatch fuzz: gdb failed\n");
+  }
+  {
+    std::lock_guard<std::mutex> hold(g_log_mu);
+    if (g_log_full) fwrite(g_log_ring + g_log_at, 1, kLogRingBytes - g_log_at, stderr);
+    fwrite(g_log_ring, 1, g_log_at, stderr);
+  }
   abort();
 }
 
@@ -108,22 +146,34 @@ class Harness {
     if (++runs_ % kTeardownEvery == 0) order_teardown();
     ensure_ready();
     Script script = build_script(data, size, known());
-    // The frames go out right before the acknowledgement of this call's request: when the call
-    // returns, the client has read every one of them.
-    // (The input may acknowledge the request itself, with any value: only the time tells a hang.)
-    peer_.arm(script.frames);
+    // The frames go out right before the acknowledgement of this call's request: when it comes,
+    // the client has read every one of them. The input may acknowledge the request itself (its
+    // id is one the input aims at), so the acknowledgement carries a code of this run only;
+    // after any other answer, a second request ends the run once everything is read.
+    const int code = kSyncAckBase - static_cast<int>(runs_ % 1000000);
+    int rc = sync(script.frames, code);
+    if (rc != code && rc != VEMO_ERR_DISCONNECTED && rc != VEMO_ERR_NO_SERVER) sync("", code);
+    // Every kAnswerCheckEvery runs (the first one included), a handler must answer.
+    if (runs_ % kAnswerCheckEvery == 1 && handlers_in_place()) handler_answers();
+  }
+
+ private:
+  // Sends a sync request with frames armed; its result. A hang ends the run.
+  int sync(const std::string &frames, int code) {
+    peer_.arm(frames, code);
     const auto start = std::chrono::steady_clock::now();
     int rc = vemo_send_request_async(kSyncRequest, kReplyWaitMs, 0, nullptr);
     if (std::chrono::steady_clock::now() - start >= std::chrono::milliseconds(kReplyWaitMs)) {
       die("the client does not read on", rc);
     }
-    bool closed = rc == VEMO_ERR_DISCONNECTED || rc == VEMO_ERR_NO_SERVER;
-    // Every kAnswerCheckEvery runs (the first one included), a handler must answer.
-    if (!closed && (runs_ % kAnswerCheckEvery == 1)) closed = !handler_answers();
-    if (closed) registered_ = false;
+    return rc;
   }
 
- private:
+  // The handlers stay registered as long as the connection they were announced on: a teardown
+  // the input ordered ends it, and whoever calls next (a holder, or the run's own request) may
+  // have made the next one already.
+  bool handlers_in_place() const { return peer_.open() && peer_.connections() == registered_conn_; }
+
   // True when the handler answers a cloud_request, false when the connection closed first.
   bool handler_answers() {
     ++answer_checks_;
@@ -141,7 +191,6 @@ class Harness {
 
   // A teardown ordered the way the daemon orders it.
   void order_teardown() {
-    registered_ = false;
     std::string notify;
     append_frame(&notify, R"({"inner_method":"server_notify","inner_params":{"type":1}})");
     peer_.expect_reply(0);
@@ -152,7 +201,7 @@ class Harness {
   }
 
   void ensure_ready() {
-    if (!registered_ || !peer_.open()) {
+    if (!handlers_in_place()) {
       pending_.clear();
       int rc = -1;
       // A holder's call may connect first and meet a teardown the input ordered.
@@ -160,7 +209,7 @@ class Harness {
         rc = vemo_register_callback(on_cloud_request, &kHello);
       }
       if (rc != 0) die("the client does not register again", rc);
-      registered_ = true;
+      registered_conn_ = peer_.connections();
       std::lock_guard<std::mutex> hold(mu_);
       ++generation_;
       changed_.notify_all();
@@ -223,7 +272,7 @@ class Harness {
   // Only the fuzzing thread.
   unsigned runs_ = 0;
   unsigned answer_checks_ = 0;
-  bool registered_ = false;
+  int registered_conn_ = -1;  // the connection (by number) the handlers were announced on
   std::vector<int> pending_;
   // mu_ guards these; changed_ is signalled when the harness stops or the client registers.
   std::mutex mu_;
@@ -243,10 +292,8 @@ void stop_harness() { g_harness->stop(); }
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   using dispatch_fuzz::g_harness;
   if (g_harness == nullptr) {
-    // The library logs every rejected message; the fuzzer's own output is what matters, unless
-    // DISPATCH_FUZZ_LOG names a file for the library's lines (to see what a finding did).
-    const char *log = getenv("DISPATCH_FUZZ_LOG");
-    vemo::log_set_stream(fopen(log != nullptr ? log : "/dev/null", "w"));
+    // The library logs every rejected message: into the ring, printed only when a run fails.
+    vemo::log_set_stream(dispatch_fuzz::open_log());
     g_harness = new dispatch_fuzz::Harness();
     if (!g_harness->start()) abort();
     atexit(dispatch_fuzz::stop_harness);

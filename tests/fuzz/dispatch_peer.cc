@@ -87,9 +87,10 @@ bool FakePeer::send(const std::string &bytes) {
   return true;
 }
 
-void FakePeer::arm(const std::string &frames) {
+void FakePeer::arm(const std::string &frames, int code) {
   std::lock_guard<std::mutex> hold(mu_);
   armed_ = frames;
+  armed_code_ = code;
 }
 
 void FakePeer::queue_locked(const std::string &payload) { append_frame(&outbox_, payload); }
@@ -196,7 +197,7 @@ void FakePeer::handle(const char *json) {
       outbox_ += armed_;
       armed_.clear();
       queue_locked("{\"inner_id\":" + std::to_string(id->valueint) + ",\"inner_error_code\":" +
-                   std::to_string(kSyncAck) + "}");
+                   std::to_string(armed_code_) + "}");
     } else if (device && request != nullptr && strncmp(request, kRefusePrefix, strlen(kRefusePrefix)) == 0) {
       queue_locked("{\"inner_id\":" + std::to_string(id->valueint) + ",\"inner_error_code\":-5}");
     } else if (device) {

@@ -23,9 +23,10 @@ constexpr const char *kHoldPrefix = "hold:";
 // A request text "refuse:..." is acknowledged with a failure code: it leaves nothing pending.
 constexpr const char *kRefusePrefix = "refuse:";
 // The request text that releases the armed frames: they go out right before its acknowledgement
-// (code kSyncAck), so the acknowledgement reaches the caller only once the client has read them.
+// (with the armed code), so the acknowledgement reaches the caller only once the client has read
+// them.
 constexpr const char *kSyncRequest = "sync";
-constexpr int kSyncAck = -7;
+constexpr int kSyncAckBase = -100000000;
 
 // One frame (magic, big-endian length, payload) appended to out.
 void append_frame(std::string *out, const std::string &payload);
@@ -44,8 +45,9 @@ class FakePeer {
   // Queues bytes for the current connection; false when none is open (they are dropped).
   bool send(const std::string &bytes);
 
-  // Frames to write when the next sync request arrives (replacing any armed before).
-  void arm(const std::string &frames);
+  // Frames to write when the next sync request arrives, and the code to acknowledge it with
+  // (replacing any armed before).
+  void arm(const std::string &frames, int code);
 
   // The cloud_request id whose reply ends the current wait, and the wait itself: true when the
   // reply came, false when the connection closed first or timeout_ms passed (*closed tells).
@@ -87,6 +89,7 @@ class FakePeer {
   std::string outbox_;
   size_t out_at_ = 0;  // how much of outbox_ is written
   std::string armed_;
+  int armed_code_ = kSyncAckBase;
   int expected_reply_ = 0;
   int expected_conn_ = -1;  // the connection (by number) the reply must come on
   bool reply_seen_ = false;
