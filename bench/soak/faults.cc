@@ -51,7 +51,7 @@ bool Faults::start(std::string *error) {
 void Faults::shutdown() {
   if (!daemon_) return;
   // Unregistered first, so that the client does not go on reconnecting to a daemon that is gone.
-  calls_->begin(kSenders, kControlTimeoutMs);
+  calls_->begin(kSenders, "unregister", kControlTimeoutMs);
   calls_->end(kSenders, vemo_unregister_callback());
   daemon_->stop();
   daemon_.reset();
@@ -76,7 +76,7 @@ bool Faults::start_daemon(std::string *error) {
 bool Faults::register_again(Clock::time_point deadline) {
   // A registration that meets the teardown it follows fails (and leaves no handler): try again.
   while (Clock::now() < deadline) {
-    calls_->begin(kSenders, kControlTimeoutMs);
+    calls_->begin(kSenders, "register", kControlTimeoutMs);
     int rc = vemo_register_callback(on_cloud_request, nullptr);
     calls_->end(kSenders, rc);
     if (rc == 0) return true;
@@ -130,6 +130,7 @@ bool Faults::stream_fault(Kind kind) {
 }
 
 bool Faults::run(Kind kind, std::string *error) {
+  calls_->set_event(name(kind));
   const Clock::time_point since = Clock::now();
   const Clock::time_point deadline = since + std::chrono::milliseconds(kReanswerLimitMs);
   long registrations = 0;

@@ -20,7 +20,8 @@ constexpr auto kPauseAfterFailure = std::chrono::milliseconds(10);
 
 }  // namespace
 
-void Calls::begin(int slot, int timeout_ms) {
+void Calls::begin(int slot, const char *what, int timeout_ms) {
+  slots_[slot].what = what;
   slots_[slot].timeout_ms.store(timeout_ms);
   slots_[slot].started_ms.store(ms_since(g_program_start));
 }
@@ -30,14 +31,15 @@ long Calls::end(int slot, int rc) {
   const long took = ms_since(g_program_start) - s.started_ms.exchange(-1);
   const long overrun = took - s.timeout_ms.load();
   calls_.fetch_add(1);
-  for (long worst = worst_overrun_.load(); overrun > worst && !worst_overrun_.compare_exchange_weak(worst, overrun);) {
-  }
   if (overrun > slack_ms_) late_.fetch_add(1);
-  if (rc >= 0) {
-    succeeded_.fetch_add(1);
-    return took;
-  }
+  if (rc >= 0) succeeded_.fetch_add(1);
   std::lock_guard<std::mutex> hold(mu_);
+  if (overrun > worst_overrun_.load()) {
+    worst_overrun_.store(overrun);
+    worst_call_ = std::string(s.what) + "/" + std::to_string(s.timeout_ms.load()) + "ms/took " +
+                  std::to_string(took) + "/rc " + std::to_string(rc) + "/" + event_.load();
+  }
+  if (rc >= 0) return took;
   auto it = std::find_if(codes_.begin(), codes_.end(), [rc](const std::pair<int, long> &c) { return c.first == rc; });
   if (it == codes_.end()) {
     codes_.emplace_back(rc, 1);
@@ -69,6 +71,11 @@ std::string Calls::failures() const {
   return out.empty() ? "none" : out;
 }
 
+std::string Calls::worst_call() const {
+  std::lock_guard<std::mutex> hold(mu_);
+  return worst_call_;
+}
+
 void on_cloud_request(const char *request, char **response) { *response = strdup(request); }
 
 std::atomic<long> Senders::async_responses_{0};
@@ -98,7 +105,7 @@ void Senders::run(int index) {
     const int timeout = kTimeoutsMs[(n / 2 + index) % 3];
     const std::string text = "t" + std::to_string(index) + "-" + std::to_string(n);
     int rc = 0;
-    calls_->begin(index, timeout);
+    calls_->begin(index, n % 2 == 0 ? "sync" : "async", timeout);
     if (n % 2 == 0) {
       char *response = nullptr;
       rc = vemo_send_request_sync(text.c_str(), timeout, 0, &response);

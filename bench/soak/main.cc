@@ -139,12 +139,13 @@ int run(const Options &o) {
   }
   fprintf(stderr,
           "soak restarts=%d teardowns=%d stray_bytes=%d oversize_headers=%d cut_frames=%d closed_mid_frame=%d "
-          "calls=%ld succeeded=%ld async_responses=%ld worst_overrun_ms=%ld late_calls=%ld wrong_responses=%ld "
+          "calls=%ld succeeded=%ld async_responses=%ld worst_overrun_ms=%ld (%s) late_calls=%ld wrong_responses=%ld "
           "worst_reanswer_ms=%ld (restart %ld, teardown %ld, fault %ld) worst_reregister_ms=%ld failures=%s "
           "seconds=%.1f result=%s\n",
           faults.done(Faults::kRestart), faults.done(Faults::kTeardown), faults.done(Faults::kStrayByte),
           faults.done(Faults::kOversizeHeader), faults.done(Faults::kCutFrame), faults.done(Faults::kClosedMidFrame),
-          calls.calls(), calls.succeeded(), senders.async_responses(), calls.worst_overrun(), calls.late(),
+          calls.calls(), calls.succeeded(), senders.async_responses(), calls.worst_overrun(), calls.worst_call().c_str(),
+          calls.late(),
           calls.wrong_responses(), worst_reanswer, faults.worst_reanswer(Faults::kRestart),
           faults.worst_reanswer(Faults::kTeardown),
           std::max({faults.worst_reanswer(Faults::kStrayByte), faults.worst_reanswer(Faults::kOversizeHeader),

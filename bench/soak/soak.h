@@ -30,9 +30,19 @@ constexpr int kControlTimeoutMs = 5000;
 // After a restart (or a lost connection) the handler must answer again within this long.
 constexpr long kReanswerLimitMs = 6000;
 
+// How far past its deadline a call may return. Under a sanitizer or an emulator, on a machine
+// shared with other work, a thread woken at its deadline can wait far longer than that for a
+// core (qemu-arm runs showed 600 ms): there the bound only catches calls that wait on something
+// else than their deadline.
+#if defined(VEMO_SANITIZER_BUILD) || defined(VEMO_EMULATED_TARGET)
+constexpr long kDefaultSlackMs = 1000;
+#else
+constexpr long kDefaultSlackMs = 100;
+#endif
+
 struct Options {
   int restarts = 200, teardowns = 200, faults = 1000;
-  long slack_ms = 100;  // how far past its deadline a call may return
+  long slack_ms = kDefaultSlackMs;
   unsigned seed = 1;
   std::string socket, log = "/dev/null";
 };
@@ -43,10 +53,13 @@ class Calls {
  public:
   static constexpr int kSlots = kSenders + 1;  // the senders and the fault driver
 
-  // A call on slot with timeout_ms starts / ends with rc. Returns the call's duration.
-  void begin(int slot, int timeout_ms);
+  // A call (what: "sync", "async", "register", ...) on slot with timeout_ms starts / ends with
+  // rc. Returns the call's duration.
+  void begin(int slot, const char *what, int timeout_ms);
   long end(int slot, int rc);
   void count_wrong_response() { wrong_responses_.fetch_add(1); }
+  // The event the fault driver is working on (a static text), named in worst_call().
+  void set_event(const char *name) { event_.store(name); }
 
   // The longest a call now running has run past its deadline (ms; negative when none has).
   long worst_running_overrun() const;
@@ -59,17 +72,22 @@ class Calls {
   void set_slack(long slack_ms) { slack_ms_ = slack_ms; }
   // The results that were not successes, as "code:count ..." (most frequent first).
   std::string failures() const;
+  // The call that overran its deadline most, as "what/timeout/took/rc/event".
+  std::string worst_call() const;
 
  private:
   struct Slot {
     std::atomic<long> started_ms{-1};  // since the program's start; -1 when idle
     std::atomic<int> timeout_ms{0};
+    const char *what = "";  // only the slot's own thread
   };
   Slot slots_[kSlots];
-  long slack_ms_ = 100;
+  long slack_ms_ = kDefaultSlackMs;
   std::atomic<long> calls_{0}, succeeded_{0}, late_{0}, worst_overrun_{-1000000}, wrong_responses_{0};
-  mutable std::mutex mu_;                    // guards codes_
+  mutable std::mutex mu_;                    // guards codes_ and worst_call_
   std::vector<std::pair<int, long>> codes_;  // failure code, count
+  std::string worst_call_ = "none";
+  std::atomic<const char *> event_{"start"};
 };
 
 // What the current daemon saw of the client: registrations and replies. Filled by the daemon's
