@@ -152,7 +152,8 @@ class Harness {
     // after any other answer, a second request ends the run once everything is read.
     const int code = kSyncAckBase - static_cast<int>(runs_ % 1000000);
     int rc = sync(script.frames, code);
-    if (rc != code && rc != VEMO_ERR_DISCONNECTED && rc != VEMO_ERR_NO_SERVER) sync("", code);
+    if (rc != code && rc != VEMO_ERR_DISCONNECTED && rc != VEMO_ERR_NO_SERVER) rc = sync("", code);
+    if (rc == VEMO_ERR_DISCONNECTED || rc == VEMO_ERR_NO_SERVER) registered_conn_ = -1;
     // Every kAnswerCheckEvery runs (the first one included), a handler must answer.
     if (runs_ % kAnswerCheckEvery == 1 && handlers_in_place()) handler_answers();
   }
@@ -181,8 +182,10 @@ class Harness {
     std::string frame;
     append_frame(&frame, "{\"inner_method\":\"cloud_request\",\"inner_id\":" + std::to_string(id) +
                              ",\"inner_params\":{\"request\":\"check\"}}");
-    peer_.expect_reply(id);
-    bool closed = !peer_.send(frame);
+    // Only on the connection the handlers were announced on: a holder may have made a new one
+    // since the run's teardown, and that one has no handler (the next run registers).
+    peer_.expect_reply(id, registered_conn_);
+    bool closed = !peer_.send(frame, registered_conn_);
     if (!closed && !peer_.wait_reply(kReplyWaitMs, &closed) && !closed) {
       die("the handler does not answer", kReplyWaitMs);
     }

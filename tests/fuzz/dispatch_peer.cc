@@ -77,10 +77,10 @@ void FakePeer::wake() {
   if (wake_[1] >= 0 && write(wake_[1], "x", 1) < 0) return;
 }
 
-bool FakePeer::send(const std::string &bytes) {
+bool FakePeer::send(const std::string &bytes, int conn) {
   {
     std::lock_guard<std::mutex> hold(mu_);
-    if (conn_fd_ < 0) return false;
+    if (conn_fd_ < 0 || (conn != 0 && conn != connections_)) return false;
     outbox_ += bytes;
   }
   wake();
@@ -95,10 +95,10 @@ void FakePeer::arm(const std::string &frames, int code) {
 
 void FakePeer::queue_locked(const std::string &payload) { append_frame(&outbox_, payload); }
 
-void FakePeer::expect_reply(int id) {
+void FakePeer::expect_reply(int id, int conn) {
   std::lock_guard<std::mutex> hold(mu_);
   expected_reply_ = id;
-  expected_conn_ = conn_fd_ >= 0 ? connections_ : -1;
+  expected_conn_ = conn != 0 ? conn : conn_fd_ >= 0 ? connections_ : -1;
   reply_seen_ = false;
 }
 

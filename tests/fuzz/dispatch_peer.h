@@ -42,16 +42,18 @@ class FakePeer {
   bool start(const std::string &path, std::string *error);
   void stop();
 
-  // Queues bytes for the current connection; false when none is open (they are dropped).
-  bool send(const std::string &bytes);
+  // Queues bytes for the current connection, if it is the conn-th accepted (any, when conn is
+  // 0); false when it is not open (they are dropped).
+  bool send(const std::string &bytes, int conn = 0);
 
   // Frames to write when the next sync request arrives, and the code to acknowledge it with
   // (replacing any armed before).
   void arm(const std::string &frames, int code);
 
-  // The cloud_request id whose reply ends the current wait, and the wait itself: true when the
-  // reply came, false when the connection closed first or timeout_ms passed (*closed tells).
-  void expect_reply(int id);
+  // The cloud_request id whose reply ends the current wait, on the conn-th connection (0: the
+  // current one), and the wait itself: true when the reply came, false when that connection
+  // closed (or was not the current one) or timeout_ms passed (*closed tells).
+  void expect_reply(int id, int conn = 0);
   bool wait_reply(int timeout_ms, bool *closed);
 
   // The message ids of the hold requests now waiting for their acknowledgement (the holders
