@@ -17,6 +17,7 @@
 #include <string.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -35,7 +36,6 @@ namespace {
 // Far above any answer time of a live client, also under a sanitizer or an emulator.
 constexpr int kReplyWaitMs = 20000;
 constexpr int kHoldTimeoutMs = 1000;
-constexpr int kHeldWaitMs = 50;
 constexpr int kPendingRequests = 2;
 constexpr int kPendingTimeoutMs = 60000;
 constexpr int kRegisterAttempts = 3;
@@ -83,9 +83,12 @@ bool g_log_full = false;  // the ring has wrapped
 
 ssize_t log_ring_write(void *, const char *data, size_t size) {
   std::lock_guard<std::mutex> hold(g_log_mu);
-  for (size_t i = 0; i < size; ++i) {
-    g_log_ring[g_log_at] = data[i];
-    if (++g_log_at == kLogRingBytes) {
+  for (size_t done = 0; done < size;) {
+    size_t n = std::min(size - done, kLogRingBytes - g_log_at);
+    memcpy(g_log_ring + g_log_at, data + done, n);
+    done += n;
+    g_log_at += n;
+    if (g_log_at == kLogRingBytes) {
       g_log_at = 0;
       g_log_full = true;
     }
@@ -236,7 +239,7 @@ class Harness {
 
   Known known() {
     Known k;
-    k.held = peer_.held_ids(kHeldWaitMs);
+    k.held = peer_.held_ids();
     k.pending = pending_;
     std::lock_guard<std::mutex> hold(mu_);
     k.pending.insert(k.pending.end(), recent_.begin(), recent_.end());

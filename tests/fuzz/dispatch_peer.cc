@@ -111,14 +111,8 @@ bool FakePeer::wait_reply(int timeout_ms, bool *closed) {
   return reply_seen_;
 }
 
-std::vector<int> FakePeer::held_ids(int timeout_ms) {
-  std::unique_lock<std::mutex> hold(mu_);
-  changed_.wait_for(hold, std::chrono::milliseconds(timeout_ms), [this] {
-    for (int h = 0; h < kHolders; ++h) {
-      if (holding_[h] && held_[h] == 0 && conn_fd_ >= 0) return false;
-    }
-    return true;
-  });
+std::vector<int> FakePeer::held_ids() const {
+  std::lock_guard<std::mutex> hold(mu_);
   std::vector<int> ids;
   for (int h = 0; h < kHolders; ++h) {
     if (holding_[h] && held_[h] != 0) ids.push_back(held_[h]);
