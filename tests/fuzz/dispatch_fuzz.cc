@@ -39,6 +39,7 @@ constexpr int kHoldTimeoutMs = 1000;
 constexpr int kPendingRequests = 2;
 constexpr int kPendingTimeoutMs = 60000;
 constexpr int kRegisterAttempts = 3;
+constexpr int kSettleWaitMs = 1000;
 constexpr unsigned kTeardownEvery = 500;
 constexpr unsigned kAnswerCheckEvery = 64;
 constexpr int kFirstSentinel = 1000000000;
@@ -100,7 +101,10 @@ FILE *open_log() {
   // DISPATCH_FUZZ_LOG names a file for every line instead.
   if (const char *path = getenv("DISPATCH_FUZZ_LOG")) return fopen(path, "w");
   cookie_io_functions_t io = {nullptr, log_ring_write, nullptr, nullptr};
-  return fopencookie(nullptr, "w", io);
+  FILE *ring = fopencookie(nullptr, "w", io);
+  // Line by line, so that the ring holds the very last lines when a run fails.
+  if (ring != nullptr) setvbuf(ring, nullptr, _IOLBF, 0);
+  return ring;
 }
 
 [[noreturn]] void die(const char *what, int code) {
@@ -210,8 +214,14 @@ class Harness {
     if (!handlers_in_place()) {
       pending_.clear();
       int rc = -1;
-      // A holder's call may connect first and meet a teardown the input ordered.
       for (int attempt = 0; attempt < kRegisterAttempts && rc != 0; ++attempt) {
+        if (attempt > 0) {
+          // A teardown the input ordered may be in its first moments, when a call fails at once
+          // (a moment later it would wait for the teardown): retry once it has shut the socket.
+          bool closed = false;
+          peer_.expect_reply(0);
+          peer_.wait_reply(kSettleWaitMs, &closed);
+        }
         rc = vemo_register_callback(on_cloud_request, &kHello);
       }
       if (rc != 0) die("the client does not register again", rc);
