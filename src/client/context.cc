@@ -23,13 +23,19 @@ void set_state(cloud_client_t &c, ClientState state) REQUIRES(c.lock) {
   c.state = state;
   c.state_changed.broadcast();
 }
+
+// Placement into static storage: constructed on first use, never destroyed. pthread_once
+// orders the first use among threads: the library is built without thread-safe statics (they
+// would need the C++ runtime), so a function-local static would not.
+alignas(cloud_client_t) unsigned char g_client_storage[sizeof(cloud_client_t)];
+cloud_client_t *g_client = nullptr;
+pthread_once_t g_client_once = PTHREAD_ONCE_INIT;
+void construct_client() { g_client = new (g_client_storage) cloud_client_t(); }
 }  // namespace
 
 cloud_client_t &client() {
-  // Placement into static storage: constructed on first use, never destroyed.
-  alignas(cloud_client_t) static unsigned char storage[sizeof(cloud_client_t)];
-  static cloud_client_t *instance = new (storage) cloud_client_t();
-  return *instance;
+  pthread_once(&g_client_once, construct_client);
+  return *g_client;
 }
 
 ClientHandlers client_handlers() {

@@ -63,7 +63,7 @@ mkdir -p "$work/pkgconfig"
 loaded=$(ldd "$work/pkgconfig/consumer")
 grep -q "libvemo.so.1 => $libdir/libvemo.so.1" <<<"$loaded" ||
   fail "the pkg-config build does not load the installed libvemo.so.1"
-# Static: the archive in place of -lvemo, and what --static adds for it (the C++ runtime).
+# Static: the archive in place of -lvemo, and what --static adds for it, with the C driver.
 static_libs=$(pkg-config --static --libs vemo)
 # shellcheck disable=SC2086
 "$cc" -std=c99 -Wall -Wextra -Werror $cflags "$here/consumer/consumer.c" \
@@ -80,9 +80,12 @@ cmake --build "$work/cmake" >"$work/cmake-build.log" 2>&1 ||
 loaded=$(ldd "$work/cmake/consumer")
 grep -q "libvemo.so.1 => $libdir/libvemo.so.1" <<<"$loaded" ||
   fail "the find_package build does not load the installed libvemo.so.1"
-for program in pkgconfig/consumer_static cmake/consumer_static; do
+# No program loads the C++ runtime; the static ones do not load libvemo.so either.
+for program in pkgconfig/consumer cmake/consumer pkgconfig/consumer_static cmake/consumer_static; do
   loaded=$(ldd "$work/$program")
-  if grep -q libvemo <<<"$loaded"; then fail "$program loads libvemo.so"; fi
+  unwanted='libstdc\+\+|libgcc_s'
+  [[ $program != *_static ]] || unwanted+='|libvemo'
+  if grep -Eq "$unwanted" <<<"$loaded"; then fail "$program loads $(grep -Eo "$unwanted" <<<"$loaded")"; fi
 done
 
 # ---- against the installed daemon ----
