@@ -104,7 +104,7 @@ for arch in "${arches[@]}"; do
   # The shipped library, before it is stripped: no C++ runtime, 64-bit time, within budget.
   size_check=()
   [ "$arch" != armhf ] || size_check=(--size)
-  CC="$triplet-gcc" "$root/tests/install/library_check.sh" "debian/libvemo1/$lib/libvemo.so.$version" \
+  CC="$triplet-gcc" "$root/scripts/check_library.sh" "debian/libvemo1/$lib/libvemo.so.$version" \
     "debian/libvemo-dev/$lib/libvemo.a" "${size_check[@]}"
 
   strip_into libvemo1 "debian/libvemo1/$lib/libvemo.so.$version"

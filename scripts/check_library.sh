@@ -1,5 +1,5 @@
 #!/usr/bin/env bash
-# library_check.sh SHARED STATIC [--size]: what a small device image asks of libvemo.
+# check_library.sh SHARED STATIC [--size]: what a small device image asks of libvemo.
 #  - the shared library loads nothing but the C library (and its loader) and cJSON: no C++
 #    runtime;
 #  - the static archive calls nothing of the C++ runtime, so a C program links it with the C
