@@ -112,6 +112,10 @@ for arch in "${arches[@]}"; do
   "$triplet-strip" --strip-debug --remove-section=.comment --remove-section=.note \
     --enable-deterministic-archives "debian/libvemo-dev/$lib/libvemo.a"
   for pkg in libvemo1 libvemo-dev vemo-tools; do doc "$pkg"; done
+  # Manual pages are shipped compressed, as Debian policy wants them.
+  for m in debian/*/usr/share/man; do
+    [ ! -d "$m" ] || find "$m" -type f ! -name '*.gz' -exec gzip -9n {} +
+  done
 
   for pkg in libvemo1 libvemo-dev vemo-tools; do mkdir -p "debian/$pkg/DEBIAN"; done
   cp "$meta/libvemo1.shlibs" debian/libvemo1/DEBIAN/shlibs
