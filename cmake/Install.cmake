@@ -1,6 +1,6 @@
 include(CMakePackageConfigHelpers)
 
-# Install components, which the Debian packages follow (cmake/Packaging.cmake): "runtime" is what
+# Install components, which the Debian packages follow (scripts/package.sh): "runtime" is what
 # a device needs to run programs linked with vemo (the shared library under its SONAME),
 # "development" what building them needs. What other directories install without a component
 # (the reference daemon and the tools) stays in the default one.

@@ -17,12 +17,8 @@ set(CMAKE_CXX_COMPILER ${VEMO_CROSS_TRIPLET}-g++)
 # find_library() in /usr/lib/arm-linux-gnueabihf even before the compiler has been probed.
 set(CMAKE_LIBRARY_ARCHITECTURE ${VEMO_CROSS_TRIPLET})
 
-# Large-file interfaces on the 32-bit target: without them stat() and readdir() fail with
-# EOVERFLOW on files whose inode number or directory offset does not fit 32 bits (64-bit
-# filesystems, and every ext4 directory when the programs run under qemu-arm on a 64-bit host).
-# No public header of vemo uses off_t, ino_t or struct stat, so this does not touch its ABI.
-set(CMAKE_C_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
-set(CMAKE_CXX_FLAGS_INIT "-D_FILE_OFFSET_BITS=64")
+# 64-bit time and file offsets for 32-bit targets are set by the project itself
+# (CMakeLists.txt), so that they hold with any toolchain file.
 
 # Host programs (pkg-config, the emulator, scripts' tools) are the build machine's; libraries,
 # headers and CMake packages of the target are found through the multiarch directories above.

@@ -1,149 +1,151 @@
 #!/usr/bin/env bash
-# Builds vemo's Debian packages (libvemo1, libvemo-dev, vemo-tools; see cmake/Packaging.cmake)
-# for amd64 and armhf into build/pkg/, and checks each with dpkg-deb: its fields, its files, the
-# architecture of its programs and the C library floor that its Depends states.
+# Builds vemo's Debian packages for amd64 and armhf into build/pkg/ and checks them with lintian:
+#   libvemo1         the shared library (install component "runtime")
+#   libvemo-dev      headers, libvemo.so link, libvemo.a, vemo.pc, CMake package ("development")
+#   vemo-tools       the reference daemon and vemo-cli (everything installed without a component)
+#   libvemo1-dbgsym, vemo-tools-dbgsym   the debug information stripped from the two above
+# Each package is staged from `cmake --install`, its control file made by dpkg-gencontrol from
+# packaging/debian/control (dependencies by dpkg-shlibdeps, the library's symbols checked by
+# dpkg-gensymbols against packaging/debian/libvemo1.symbols) and built with dpkg-deb. CPack is not
+# used because it cannot write Multi-Arch.
 # Usage: scripts/package.sh [amd64|armhf ...] (default: both).
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 arches=("$@")
 [ ${#arches[@]} -gt 0 ] || arches=(amd64 armhf)
-version=$(sed -n 's/^project(vemo VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt")
+# The cross compilers, the armhf libraries and lintian.
+"$root/scripts/setup_arm.sh"
+umask 022
 out="$root/build/pkg"
 mkdir -p "$out"
+meta="$root/packaging/debian"
 
-failures=0
-fail() { echo "package: FAILED: $*" >&2; failures=$((failures + 1)); }
+fail() { echo "package: FAILED: $*" >&2; exit 1; }
 
-# check_contents DEB MUST_HAVE_REGEX... : every regex matches a line of the listing.
-check_contents() {
-  local deb=$1; shift
-  local listing
-  listing=$(dpkg-deb --contents "$deb" | awk '{ $1=$2=$3=$4=$5=""; sub(/^ +/, ""); print }')
-  for want in "$@"; do
-    grep -Eq "$want" <<<"$listing" || fail "$(basename "$deb") has no entry matching $want"
+version=$(sed -n 's/^project(vemo VERSION \([0-9.]*\).*/\1/p' "$root/CMakeLists.txt")
+deb_version=$(dpkg-parsechangelog -l "$meta/changelog" -S Version)
+[ "${deb_version%-*}" = "$version" ] ||
+  fail "packaging/debian/changelog is at $deb_version, the project at $version"
+
+# strip_into PKG FILE...: moves the debug information of each file into PKG-dbgsym under its
+# build id, as Debian's debug packages hold it, and strips the file as Debian does.
+strip_into() {
+  local pkg=$1 f id debug; shift
+  for f in "$@"; do
+    id=$(readelf -n "$f" | sed -n 's/.*Build ID: *//p')
+    [ -n "$id" ] || fail "$f has no build id"
+    debug="debian/$pkg-dbgsym/usr/lib/debug/.build-id/${id:0:2}/${id:2}.debug"
+    mkdir -p "$(dirname "$debug")"
+    "$triplet-objcopy" --only-keep-debug --compress-debug-sections "$f" "$debug"
+    chmod 0644 "$debug"
+    "$triplet-strip" --remove-section=.comment --remove-section=.note --strip-unneeded "$f"
+    build_ids[$pkg]+="${build_ids[$pkg]:+ }$id"
   done
 }
 
-# check_absent DEB REGEX...: no line of the listing matches.
-check_absent() {
-  local deb=$1; shift
-  local listing
-  listing=$(dpkg-deb --contents "$deb" | awk '{ $1=$2=$3=$4=$5=""; sub(/^ +/, ""); print }')
-  for unwanted in "$@"; do
-    if grep -Eq "$unwanted" <<<"$listing"; then fail "$(basename "$deb") holds $unwanted"; fi
-  done
+# doc PKG: the copyright, both changelogs and lintian's overrides, where Debian looks for them.
+doc() {
+  local pkg=$1 d="debian/$1/usr/share/doc/$1"
+  mkdir -p "$d"
+  cp "$meta/copyright" "$d/copyright"
+  gzip -9n <"$meta/changelog" >"$d/changelog.Debian.gz"
+  gzip -9n <"$root/CHANGELOG.md" >"$d/changelog.gz"
+  if [ -f "$meta/$pkg.lintian-overrides" ]; then
+    install -D -m 0644 "$meta/$pkg.lintian-overrides" "debian/$pkg/usr/share/lintian/overrides/$pkg"
+  fi
 }
 
-# shlibs_depends ARCH TRIPLET LIBDIR FILE...: the dependencies that dpkg-shlibdeps computes for
-# the files from the symbol versions they use (the foreign architecture's libraries included).
-# libvemo itself, in LIBDIR, has no shlibs file: a file linked to it is checked apart.
-shlibs_depends() {
-  local arch=$1 triplet=$2 libdir=$3; shift 3
-  local d
-  d=$(mktemp -d)
-  mkdir "$d/debian"
-  printf 'Source: vemo\n\nPackage: vemo\nArchitecture: any\n' >"$d/debian/control"
-  (cd "$d" && DEB_HOST_ARCH=$arch DEB_HOST_MULTIARCH=$triplet DEB_HOST_GNU_TYPE=$triplet \
-     dpkg-shlibdeps -O --ignore-missing-info -l"$libdir" "$@" 2>/dev/null) | sed -n 's/^shlibs:Depends=//p'
-  rm -rf "$d"
-}
-
-# check_covers DEB COMPUTED: each "name (>= version)" of COMPUTED is stated in DEB's Depends
-# with at least that version.
-check_covers() {
-  local deb=$1 computed=$2 stated item name version have
-  stated=$(dpkg-deb --field "$deb" Depends)
-  IFS=',' read -ra items <<<"$computed"
-  for item in "${items[@]}"; do
-    name=$(awk '{print $1}' <<<"$item")
-    version=$(sed -n 's/.*(>= \(.*\)).*/\1/p' <<<"$item")
-    have=$(sed -n "s/.*\b$name (>= \([^)]*\)).*/\1/p" <<<"$stated")
-    if [ -z "$have" ]; then
-      [[ ",$stated," == *", $name,"* || "$stated" == "$name"* ]] && [ -z "$version" ] ||
-        fail "$(basename "$deb") does not state $item"
-    elif [ -n "$version" ] && ! dpkg --compare-versions "$have" ge "$version"; then
-      fail "$(basename "$deb") states $name (>= $have), its files need $item"
-    fi
-  done
+# build PKG [dpkg-gencontrol options...]: control file, md5sums and the .deb.
+build() {
+  local pkg=$1; shift
+  dpkg-gencontrol -p"${pkg%-dbgsym}" -P"debian/$pkg" -T"debian/${pkg%-dbgsym}.substvars" "$@"
+  (cd "debian/$pkg" && find . -type f ! -path './DEBIAN/*' -printf '%P\0' | LC_ALL=C sort -z |
+     xargs -0r md5sum >DEBIAN/md5sums)
+  dpkg-deb --root-owner-group -Zxz --build "debian/$pkg" "$out/" >/dev/null
 }
 
 for arch in "${arches[@]}"; do
   case "$arch" in
-    amd64) "$root/scripts/setup.sh"; triplet=x86_64-linux-gnu; machine='X86-64'; cross=();;
-    armhf) "$root/scripts/setup_arm.sh"; triplet=arm-linux-gnueabihf; machine='ARM'
-           cross=(-DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-armhf.cmake");;
+    amd64) triplet=x86_64-linux-gnu; cross=();;
+    armhf) triplet=arm-linux-gnueabihf; cross=(-DCMAKE_TOOLCHAIN_FILE="$root/cmake/toolchain-armhf.cmake");;
     *) echo "unknown architecture $arch" >&2; exit 2;;
   esac
+  export DEB_HOST_ARCH=$arch DEB_HOST_MULTIARCH=$triplet DEB_HOST_GNU_TYPE=$triplet
   dir="$root/build/pkg-$arch"
   echo "=== $arch packages"
-  # Libraries go to Debian's multiarch directory; GNUInstallDirs chooses it by itself only for
-  # native builds with the prefix /usr, so it is said for both.
-  "$root/scripts/build.sh" "$dir" "${cross[@]}" -DCMAKE_BUILD_TYPE=Release \
-    -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="lib/$triplet" -DVEMO_BUILD_TESTS=OFF -DVEMO_BUILD_EXAMPLES=OFF \
-    -DVEMO_BUILD_BENCH=OFF
-  rm -rf "$dir/packages"
-  (cd "$dir" && cpack -G DEB >"$dir/cpack.log") || { cat "$dir/cpack.log"; exit 1; }
-
+  # Debian's flags for the target (hardening included) under the build type that the tests and
+  # the size budget measure. Libraries go to Debian's multiarch directory, which GNUInstallDirs
+  # does not choose in a cross build.
+  flags=$(cd "$root" && DEB_BUILD_MAINT_OPTIONS=hardening=+all dpkg-buildflags --export=sh)
+  (eval "$flags"
+   export CFLAGS="$CPPFLAGS $CFLAGS" CXXFLAGS="$CPPFLAGS $CXXFLAGS" LDFLAGS
+   # CMake takes CFLAGS and friends only when it writes a new cache.
+   rm -f "$dir/CMakeCache.txt"
+   "$root/scripts/build.sh" "$dir" "${cross[@]}" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
+     -DCMAKE_INSTALL_PREFIX=/usr -DCMAKE_INSTALL_LIBDIR="lib/$triplet" -DVEMO_BUILD_TESTS=OFF \
+     -DVEMO_BUILD_EXAMPLES=OFF -DVEMO_BUILD_BENCH=OFF >"$dir.log" ||
+     { tail -n 30 "$dir.log"; exit 1; })
+  rm -f "$out"/*_"$arch".deb
+  stage="$dir/stage"
+  rm -rf "$stage" && mkdir -p "$stage/debian"
+  cp "$meta/control" "$meta/changelog" "$stage/debian/"
+  cd "$stage"
+  declare -A build_ids=()
   lib="usr/lib/$triplet"
-  for name in libvemo1 libvemo-dev vemo-tools; do
-    deb="$dir/packages/${name}_${version}-1_${arch}.deb"
-    if [ ! -f "$deb" ]; then
-      fail "$(basename "$deb") was not made"
-      continue
-    fi
-    cp "$deb" "$out/"
-    deb="$out/$(basename "$deb")"
-    echo "--- $(basename "$deb")"
-    dpkg-deb --info "$deb" | sed -n 's/^ \(Package\|Version\|Architecture\|Section\|Depends\): /  \1: /p'
-    [ "$(dpkg-deb --field "$deb" Package)" = "$name" ] || fail "$deb: wrong Package field"
-    [ "$(dpkg-deb --field "$deb" Architecture)" = "$arch" ] || fail "$deb: Architecture is not $arch"
+  for c in runtime:libvemo1 development:libvemo-dev Unspecified:vemo-tools; do
+    DESTDIR="$stage/debian/${c#*:}" cmake --install "$dir" --component "${c%%:*}" >/dev/null
   done
 
-  runtime="$out/libvemo1_${version}-1_${arch}.deb"
-  dev="$out/libvemo-dev_${version}-1_${arch}.deb"
-  tools="$out/vemo-tools_${version}-1_${arch}.deb"
-  [ -f "$runtime" ] && [ -f "$dev" ] && [ -f "$tools" ] || continue
-
-  check_contents "$runtime" "^\./$lib/libvemo\.so\.$version\$" "^\./$lib/libvemo\.so\.1 -> libvemo\.so\.$version\$"
-  check_absent "$runtime" "^\./$lib/libvemo\.so( |\$)" '^\./usr/include/' '^\./usr/bin/'
-  check_contents "$dev" '^\./usr/include/vemo/vemo\.h$' '^\./usr/include/vemo/mw\.h$' \
-    "^\./$lib/libvemo\.so -> libvemo\.so\.1\$" "^\./$lib/libvemo\.a\$" "^\./$lib/pkgconfig/vemo\.pc\$" \
-    "^\./$lib/cmake/vemo/vemoConfig\.cmake\$" "^\./$lib/cmake/vemo/vemoTargets\.cmake\$"
-  check_absent "$dev" "^\./$lib/libvemo\.so\.$version\$" '^\./usr/bin/'
-  check_contents "$tools" '^\./usr/bin/vemo_cloudd$'
-  check_absent "$tools" '^\./usr/include/' "^\./$lib/"
-  [[ "$(dpkg-deb --field "$dev" Depends)" == *"libvemo1 (= $version-1)"* ]] ||
-    fail "libvemo-dev does not depend on this very libvemo1"
-  [[ "$(dpkg-deb --field "$runtime" Depends)" == *libcjson1* ]] || fail "libvemo1 does not depend on libcjson1"
-  [[ "$(dpkg-deb --field "$dev" Depends)" == *libcjson-dev* ]] || fail "libvemo-dev does not depend on libcjson-dev"
-
-  # What is inside: programs of the package's architecture, a pkg-config file for /usr, and
-  # stated dependencies that cover what the files need.
-  x="$dir/unpacked"
-  rm -rf "$x" && mkdir -p "$x"
-  for deb in "$runtime" "$dev" "$tools"; do dpkg-deb -x "$deb" "$x"; done
-  for f in "$x/$lib/libvemo.so.$version" "$x/usr/bin/vemo_cloudd"; do
-    readelf -h "$f" | grep -q "Machine: *.*$machine" || fail "$(basename "$f") is not built for $arch"
+  for f in libvemo1/$lib/libvemo.so.1 libvemo-dev/$lib/libvemo.so libvemo-dev/usr/include/vemo/vemo.h \
+           libvemo-dev/$lib/cmake/vemo/vemoConfig.cmake vemo-tools/usr/bin/vemo_cloudd; do
+    [ -e "debian/$f" ] || [ -L "debian/$f" ] || fail "$f is not staged"
   done
-  grep -qx 'prefix=/usr' "$x/$lib/pkgconfig/vemo.pc" || fail "vemo.pc does not name /usr"
-  need=$(shlibs_depends "$arch" "$triplet" "$x/$lib" "$x/$lib/libvemo.so.$version")
-  echo "  dpkg-shlibdeps for libvemo.so: $need"
-  check_covers "$runtime" "$need"
-  need=$(shlibs_depends "$arch" "$triplet" "$x/$lib" "$x"/usr/bin/*)
-  echo "  dpkg-shlibdeps for the tools: $need"
-  [ -n "$need" ] || fail "dpkg-shlibdeps found nothing for the tools"
-  check_covers "$tools" "$need"
-  for f in "$x"/usr/bin/*; do
-    if readelf -d "$f" | grep -q 'NEEDED.*\[libvemo\.so\.1\]'; then
-      [[ "$(dpkg-deb --field "$tools" Depends)" == *"libvemo1 (= $version-1)"* ]] ||
-        fail "$(basename "$f") loads libvemo.so.1, but vemo-tools does not depend on this libvemo1"
-    fi
+  grep -qx 'prefix=/usr' "debian/libvemo-dev/$lib/pkgconfig/vemo.pc" || fail "vemo.pc does not name /usr"
+  # The shipped library, before it is stripped: no C++ runtime, 64-bit time, within budget.
+  size_check=()
+  [ "$arch" != armhf ] || size_check=(--size)
+  CC="$triplet-gcc" "$root/scripts/check_library.sh" "debian/libvemo1/$lib/libvemo.so.$version" \
+    "debian/libvemo-dev/$lib/libvemo.a" "${size_check[@]}"
+
+  strip_into libvemo1 "debian/libvemo1/$lib/libvemo.so.$version"
+  strip_into vemo-tools debian/vemo-tools/usr/bin/*
+  "$triplet-strip" --strip-debug --remove-section=.comment --remove-section=.note \
+    --enable-deterministic-archives "debian/libvemo-dev/$lib/libvemo.a"
+  for pkg in libvemo1 libvemo-dev vemo-tools; do doc "$pkg"; done
+  # Manual pages are shipped compressed, as Debian policy wants them.
+  for m in debian/*/usr/share/man; do
+    [ ! -d "$m" ] || find "$m" -type f ! -name '*.gz' -exec gzip -9n {} +
   done
+
+  for pkg in libvemo1 libvemo-dev vemo-tools; do mkdir -p "debian/$pkg/DEBIAN"; done
+  cp "$meta/libvemo1.shlibs" debian/libvemo1/DEBIAN/shlibs
+  cp "$meta/libvemo1.triggers" debian/libvemo1/DEBIAN/triggers
+  # Fails on any difference from the committed symbols file: an added name needs its entry (and
+  # its version node), a lost one is an ABI break (docs/abi.md).
+  dpkg-gensymbols -plibvemo1 -Pdebian/libvemo1 -c4 -I"$meta/libvemo1.symbols" -q ||
+    fail "libvemo.so's exported names differ from packaging/debian/libvemo1.symbols (above)"
+  dpkg-shlibdeps -Tdebian/libvemo1.substvars "debian/libvemo1/$lib/libvemo.so.$version"
+  # On armhf it warns that vemo-cli's __aeabi_atexit is missing from libstdc++6's symbols file;
+  # the dependency on libstdc++6 comes out right all the same.
+  dpkg-shlibdeps -Tdebian/vemo-tools.substvars -S"$stage/debian/libvemo1" debian/vemo-tools/usr/bin/*
+  for pkg in libvemo1 libvemo-dev vemo-tools; do build "$pkg"; done
+  for pkg in libvemo1 vemo-tools; do
+    mkdir -p "debian/$pkg-dbgsym/usr/share/doc" "debian/$pkg-dbgsym/DEBIAN"
+    ln -s "$pkg" "debian/$pkg-dbgsym/usr/share/doc/$pkg-dbgsym"
+    # Multi-Arch as the package's own stanza has it.
+    build "$pkg-dbgsym" -DPackage="$pkg-dbgsym" \
+      -DDepends="$pkg (= $deb_version)" -DSection=debug -DPriority=optional \
+      -DDescription="debug symbols for $pkg" -DAuto-Built-Package=debug-symbols \
+      -DBuild-Ids="${build_ids[$pkg]}"
+  done
+  cd "$root"
+
+  for deb in "$out"/*_"$arch".deb; do
+    echo "--- $(basename "$deb"): $(dpkg-deb --field "$deb" Depends)"
+  done
+  echo "--- lintian --pedantic (errors and warnings fail; overrides in packaging/debian)"
+  lintian --pedantic --fail-on error,warning --tag-display-limit 0 "$out"/*_"$arch".deb ||
+    fail "lintian found errors or warnings in the $arch packages"
 done
-
-if [ $failures -ne 0 ]; then
-  echo "package: $failures problems" >&2
-  exit 1
-fi
 echo "=== packages in $out:"
 ls -1 "$out"

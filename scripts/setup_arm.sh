@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs what the 32-bit ARM (armhf) cross build, its test run under qemu-arm and the Debian
 # packages need on Debian 12, skipping what is already there: the cross compilers, cJSON and
-# GoogleTest for armhf from Debian's multiarch archive, the armhf C and C++ runtimes and the
-# user-mode emulator. The host's own build tools come from setup.sh.
+# GoogleTest for armhf from Debian's multiarch archive, the armhf C and C++ runtimes, the
+# user-mode emulator and lintian, which checks the packages. The host's own build tools come
+# from setup.sh.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
 "$root/scripts/setup.sh"
@@ -20,7 +21,7 @@ fi
 
 packages=(gcc-arm-linux-gnueabihf g++-arm-linux-gnueabihf qemu-user qemu-user-binfmt binfmt-support
           libc6:armhf libstdc++6:armhf libcjson1:armhf libcjson-dev:armhf
-          libgtest-dev:armhf libgmock-dev:armhf)
+          libgtest-dev:armhf libgmock-dev:armhf lintian)
 missing=()
 for p in "${packages[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q 'install ok installed' || missing+=("$p")

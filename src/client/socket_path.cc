@@ -21,7 +21,10 @@ char g_path[kPathCapacity] GUARDED_BY(g_path_mutex) = "";
 void client_socket_path(char out[kSocketPathCapacity]) {
   static_assert(kSocketPathCapacity == kPathCapacity, "one capacity for the path");
   MutexLock hold(g_path_mutex);
-  memcpy(out, g_path[0] != '\0' ? g_path : VEMO_SOCKET_PATH, kPathCapacity);
+  // The default is a short literal: copy only its own bytes, zero-filled to the capacity.
+  const char *path = g_path[0] != '\0' ? g_path : VEMO_SOCKET_PATH;
+  memset(out, 0, kPathCapacity);
+  memcpy(out, path, strlen(path));
 }
 
 }  // namespace vemo

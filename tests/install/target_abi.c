@@ -1,8 +1,11 @@
 /* What a 32-bit target (the device's armhf build, run under qemu-arm) must show literally, where
  * the host-independent tests only compare against sizeof(): the allocator's 32-byte header, the
  * 32-bit tick type, and the log line's thread field as plain "%X" of the 32-bit pthread_self().
- * Registered only in builds whose pointers are 4 bytes; runs in a scratch working directory,
- * where the allocator writes memguard.log. Exits 0 when all hold, 1 otherwise. */
+ * It runs with clock_shim.c preloaded and TZ=UTC0, so the wall clock reads 2040-02-29
+ * 12:34:56.789, past the end of a 32-bit time_t: the log line, get_current_time and the
+ * allocator's banner must show that instant. Registered only in builds whose pointers are 4
+ * bytes; runs in a scratch working directory, where the allocator writes memguard.log. Exits 0
+ * when all hold, 1 otherwise. */
 #define _POSIX_C_SOURCE 200809L
 
 #include <pthread.h>
@@ -49,11 +52,17 @@ static void allocator_header(void) {
   slurp("memguard.log", text, sizeof text);
   check(strstr(text, "mwROUNDALLOC==8 sizeof(mwData)==32 mwDataSize==32\n") != NULL,
         "the allocator's banner states a 32-byte header", text);
+  check(strstr(text, "\nStarted at Wed Feb 29 12:34:56 2040\n") != NULL,
+        "the allocator's banner shows the shim's clock past 2038", text);
 }
 
-static void log_thread_field(void) {
+/* The instant that clock_shim.c gives, as local time in UTC. */
+#define kShimTime "2040-02-29 12:34:56.789"
+
+static void log_line(void) {
   static char text[1024];
   char expected[64];
+  char *stamp;
   int saved;
   FILE *capture = fopen("log_line.txt", "w");
   if (capture == NULL) {
@@ -73,11 +82,17 @@ static void log_thread_field(void) {
   snprintf(expected, sizeof expected, " | %d:0x%X | ", (int)getpid(),
            (unsigned int)(uintptr_t)pthread_self());
   check(strstr(text, expected) != NULL, "log line carries pid:0x%X of pthread_self()", text);
+  check(strncmp(text, kShimTime " |  INFO | ", strlen(kShimTime " |  INFO | ")) == 0,
+        "log line starts with the shim's time past 2038", text);
+  stamp = get_current_time();
+  check(stamp != NULL && strcmp(stamp, kShimTime) == 0, "get_current_time past 2038",
+        stamp != NULL ? stamp : "NULL");
+  free(stamp);
 }
 
 int main(void) {
   allocator_header();
-  log_thread_field();
+  log_line();
   printf("target_abi: %s\n", failures == 0 ? "all checks passed" : "some checks failed");
   return failures == 0 ? 0 : 1;
 }
