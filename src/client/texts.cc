@@ -1,6 +1,6 @@
 #include "client/texts.h"
 
-#include "memguard/mw_internal.h"
+#include "memguard/crossing.h"
 
 namespace vemo {
 

@@ -12,8 +12,9 @@
 // that text, if still held, is reported as a wild free when mwFree gets it.
 //
 // In: an answer the application's handler stores may come from the mapped malloc or strdup (a
-// tracked block) or from the system (a plain file, another library). The library releases it
-// with release_handed_in_text, which asks the chain which of the two it is.
+// tracked block) or from the system (a plain file, cJSON's printer, another library). The
+// library releases it with mwReleaseHandedInText, which tells the two apart by the header in
+// front of the pointer and leaves whatever may be tracked to mwFree.
 #include <stdint.h>
 #include <stdlib.h>
 
@@ -41,14 +42,45 @@ unsigned home_slot(const void *p) {
 // The library's name for itself where the allocator records a free it made.
 constexpr char kLibraryPlace[] = "libvemo";
 
+// Pages are 4 KB or larger on every system we run on: two addresses in one 4 KB piece share a
+// page.
+constexpr uintptr_t kMinPageBytes = 4096;
+
+// Whether p may be a tracked block: its header's check value or its front guard fits. In a
+// system block the bytes in front of p are the system allocator's bookkeeping, which matches
+// neither. Only the header is read, with a probe only when it lies on another page than p
+// (p itself is readable: the library has just sent the text); no walk of the chain, which
+// would cost a probe per block on every answer.
+MW_UNCHECKED_ACCESS bool looks_tracked(void *p) REQUIRES(mwLock) {
+  mwData *mw = mwHeaderOf(p);
+  uintptr_t header = reinterpret_cast<uintptr_t>(mw);
+  uintptr_t user = reinterpret_cast<uintptr_t>(p);
+  if (!mwAligned(mw) || header > user) return false;
+  if (header / kMinPageBytes != user / kMinPageBytes && mwProbe(mw, mwDataSize + kGuardLen) == 0) {
+    return false;
+  }
+  if (mwCheckRight(mw)) return true;
+  // A loop rather than memcmp, which the address sanitizer would check: in front of a system
+  // block lie the sanitizer's own guard bytes.
+  const unsigned char *guard = static_cast<unsigned char *>(p) - kGuardLen;
+  for (size_t i = 0; i < kGuardLen; ++i) {
+    if (guard[i] != static_cast<unsigned char>(mwGuard[i])) return false;
+  }
+  return true;
+}
+
 }  // namespace
 
 void mwNoteHandedOutText(void *p) {
   if (p == nullptr) return;
   unsigned home = home_slot(p);
   for (unsigned i = 0; i < kProbes; ++i) {
+    std::atomic<void *> &slot = g_texts[(home + i) % kSlots];
     void *expected = nullptr;
-    if (g_texts[(home + i) % kSlots].compare_exchange_strong(expected, p)) return;
+    if (slot.load(std::memory_order_relaxed) == nullptr &&
+        slot.compare_exchange_strong(expected, p)) {
+      return;
+    }
   }
   g_texts[home].store(p);
 }
@@ -58,9 +90,13 @@ bool mwTakeHandedOutText(const void *p) {
   bool found = false;
   unsigned home = home_slot(p);
   for (unsigned i = 0; i < kProbes; ++i) {
+    std::atomic<void *> &slot = g_texts[(home + i) % kSlots];
     void *expected = const_cast<void *>(p);
     // Every copy goes: the same address may have been noted again after a system free.
-    if (g_texts[(home + i) % kSlots].compare_exchange_strong(expected, nullptr)) found = true;
+    if (slot.load(std::memory_order_relaxed) == p &&
+        slot.compare_exchange_strong(expected, nullptr)) {
+      found = true;
+    }
   }
   return found;
 }
@@ -74,9 +110,8 @@ void mwReleaseHandedInText(void *p) {
     return;
   }
   MwGuard guard;
-  if (!mwTakeHandedOutText(p) && mwHead != nullptr &&
-      mwIsOwned(mwHeaderOf(p), kLibraryPlace, 0) != 0) {
-    // Retained (already freed) blocks are reported as double frees here, as for any free.
+  if (!mwTakeHandedOutText(p) && looks_tracked(p)) {
+    // All checks and reports of an application's free apply, double frees included.
     mwFreeLocked(p, kLibraryPlace, 0);
     return;
   }

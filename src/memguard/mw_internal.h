@@ -16,6 +16,7 @@
 
 #include <atomic>
 
+#include "memguard/crossing.h"
 #include "util/thread_annotations.h"
 #include "vemo/mw.h"
 
@@ -255,16 +256,9 @@ int mwRepairChain(mwData *block, const char *file, int line) REQUIRES(mwLock);
 // traps.cc
 void mwTraceText(const char *format, ...) VEMO_PRINTF(1, 2) REQUIRES(mwLock);
 
-// crossing.cc: texts handed between the application and the client library.
+// crossing.cc (and crossing.h): texts handed between the application and the client library.
 // Set by the first tracked allocation: until then no answer can be a tracked block.
 extern std::atomic<bool> mwTrackedEver;
-// Notes a system-memory text that the library hands to the application (lock-free).
-void mwNoteHandedOutText(void *p);
-// Forgets p as a handed-out text; true when it was one (lock-free).
-bool mwTakeHandedOutText(const void *p);
-// Releases a text the application handed to the library: a tracked block with mwFree, anything
-// else with the system's free. Takes mwLock only once tracked allocations exist.
-void mwReleaseHandedInText(void *p) EXCLUDES(mwLock);
 
 // reserve.cc
 unsigned mwGrabChunks(unsigned kilobytes, int type) REQUIRES(mwLock);

@@ -41,12 +41,6 @@ std::string thread_field() {
   return buf;
 }
 
-TEST(LogLine, WithTimestampHasExactLayout) {
-  std::string line = write_line("2024-03-05 14:07:09.042", "ERROR", "the magic does not match");
-  EXPECT_EQ(line, "2024-03-05 14:07:09.042 | ERROR | " + thread_field() +
-                      " | src/ipc/ipc_socket.cc:57 | ipc_socket_recv | - the magic does not match\n");
-}
-
 TEST(LogLine, WithoutTimestampStartsAtRightAlignedLevel) {
   EXPECT_EQ(write_line(nullptr, "WARN", "x=%d", 3).substr(0, 8), " WARN | ");
   EXPECT_EQ(write_line(nullptr, "INFO", "x").substr(0, 8), " INFO | ");
@@ -120,7 +114,7 @@ struct Recorder {
   std::atomic<long> calls{0};
   std::atomic<bool> retired{false};  // set once the install that replaced this sink returned
   std::atomic<long> late_calls{0};
-  int install_result = 0;            // of an install tried from within the sink
+  int install_result = 0;  // of an install tried from within the sink
 };
 
 void record(void *user, int level, const char *function, const char *file, int line,
@@ -149,9 +143,12 @@ TEST(LogSink, DeliversLinesAtOrAboveTheMinimumLevelWithTheirPlace) {
     const char *level;
     int delivered_as;  // -1: dropped
   } const cases[] = {
-      {VEMO_LOG_DEBUG, "DEBUG", VEMO_LOG_DEBUG}, {VEMO_LOG_DEBUG, "ERROR", VEMO_LOG_ERROR},
-      {VEMO_LOG_WARN, "INFO", -1},               {VEMO_LOG_WARN, "WARN", VEMO_LOG_WARN},
-      {VEMO_LOG_INFO, "DEBUG", -1},              {VEMO_LOG_INFO, "INFO", VEMO_LOG_INFO},
+      {VEMO_LOG_DEBUG, "DEBUG", VEMO_LOG_DEBUG},
+      {VEMO_LOG_DEBUG, "ERROR", VEMO_LOG_ERROR},
+      {VEMO_LOG_WARN, "INFO", -1},
+      {VEMO_LOG_WARN, "WARN", VEMO_LOG_WARN},
+      {VEMO_LOG_INFO, "DEBUG", -1},
+      {VEMO_LOG_INFO, "INFO", VEMO_LOG_INFO},
       {VEMO_LOG_ERROR, "NOTICE", VEMO_LOG_ERROR},  // unknown names are never filtered away
   };
   vemo_test::LogCapture capture;
@@ -195,17 +192,18 @@ TEST(LogSink, RefusesBadInstallsAndCutsLongMessages) {
   LOG_PRINT("ERROR", "to the sink");
   ASSERT_EQ(vemo_set_log_sink(nullptr, nullptr, 0), VEMO_OK);
   EXPECT_EQ(inner.install_result, VEMO_ERR_INVALID_ARG);
-  EXPECT_EQ(capture.messages("", "WARN"),
-            (std::vector<std::string>{"the level is invalid, level=4", "the level is invalid, level=-1",
-                                      "fail to set the log sink from within a sink"}));
+  EXPECT_EQ(
+      capture.messages("", "WARN"),
+      (std::vector<std::string>{"the level is invalid, level=4", "the level is invalid, level=-1",
+                                "fail to set the log sink from within a sink"}));
   EXPECT_EQ(capture.messages("", "ERROR"), std::vector<std::string>{"logged by the sink"});
 }
 
 TEST(LogSink, DefaultLineIsUnchangedAndTheStreamSinkWritesIt) {
   vemo_test::LogCapture capture;
   auto log_info_and_warn = [] {
-    vemo_log_print("INFO", "src/ipc/ipc_socket.cc", 57, "ipc_socket_recv", "IPC receive from %d: %s",
-                   5, "{\"a\":1}");
+    vemo_log_print("INFO", "src/ipc/ipc_socket.cc", 57, "ipc_socket_recv",
+                   "IPC receive from %d: %s", 5, "{\"a\":1}");
     vemo_log_print("WARN", "src/ipc/ipc_socket.cc", 58, "ipc_socket_recv", "x=%d", 1);
   };
   log_info_and_warn();
@@ -216,9 +214,11 @@ TEST(LogSink, DefaultLineIsUnchangedAndTheStreamSinkWritesIt) {
   // The timestamps differ; everything after them is the same bytes.
   std::vector<std::string> lines;
   for (const std::string &line : capture.lines()) lines.push_back(line.substr(23));
-  std::string info = " |  INFO | " + thread_field() +
-                     " | src/ipc/ipc_socket.cc:57 | ipc_socket_recv | - IPC receive from 5: {\"a\":1}";
-  std::string warn = " |  WARN | " + thread_field() + " | src/ipc/ipc_socket.cc:58 | ipc_socket_recv | - x=1";
+  std::string info =
+      " |  INFO | " + thread_field() +
+      " | src/ipc/ipc_socket.cc:57 | ipc_socket_recv | - IPC receive from 5: {\"a\":1}";
+  std::string warn =
+      " |  WARN | " + thread_field() + " | src/ipc/ipc_socket.cc:58 | ipc_socket_recv | - x=1";
   EXPECT_EQ(lines, (std::vector<std::string>{info, warn, warn, info, warn}));
 }
 
@@ -246,7 +246,8 @@ TEST(LogSink, SyslogSinkUsesTheMatchingPriority) {
   for (const auto &c : cases) {
     vemo_log_sink_syslog(nullptr, c.level, "task_receive", "src/client/receiver.cc", 12, "m=1");
     EXPECT_EQ(g_syslog_priority, c.priority);
-    EXPECT_EQ(g_syslog_text, std::string(c.name) + " | src/client/receiver.cc:12 | task_receive | - m=1");
+    EXPECT_EQ(g_syslog_text,
+              std::string(c.name) + " | src/client/receiver.cc:12 | task_receive | - m=1");
   }
   vemo::log_set_syslog(nullptr);
 }
