@@ -90,15 +90,19 @@ void log_write_text(FILE *stream, const char *level, const char *file, int line,
 
 extern "C" VEMO_API void vemo_log_print(const char *level, const char *file, int line,
                                         const char *function, const char *format, ...) {
+  if (format == nullptr) {
+    // Once more with a literal, so that the format passed down is always a checked one.
+    vemo_log_print(level, file, line, function, "%s", "");
+    return;
+  }
   const char *level_text = level != nullptr ? level : "";
   const char *file_text = file != nullptr ? file : "";
   const char *function_text = function != nullptr ? function : "";
-  const char *format_text = format != nullptr ? format : "";
   va_list args;
   va_start(args, format);
-  if (!vemo::log_sink_deliver(level_text, file_text, line, function_text, format_text, args)) {
-    vemo::write_standard(vemo::log_stream(), level_text, file_text, line, function_text,
-                         format_text, args);
+  if (!vemo::log_sink_deliver(level_text, file_text, line, function_text, format, args)) {
+    vemo::write_standard(vemo::log_stream(), level_text, file_text, line, function_text, format,
+                         args);
   }
   va_end(args);
 }

@@ -22,7 +22,7 @@ bool format_timestamp(const struct timeval &tv, char out[kTimestampSize]);
 
 // Writes one whole line to stream; timestamp may be null (the line then starts at the level).
 void log_write(FILE *stream, const char *timestamp, const char *level, const char *file, int line,
-               const char *function, const char *format, va_list args);
+               const char *function, const char *format, va_list args) VEMO_PRINTF(7, 0);
 
 // Redirects the log (null restores standard output). For tests that read the lines back.
 void log_set_stream(FILE *stream);
