@@ -6,7 +6,9 @@
  * Every tracked block carries a header and two 8-byte guard areas; frees are checked against
  * the allocator's own chain of blocks; failed allocations, double and wild frees, overruns,
  * leaks, trap hits and repairs are written as plain text lines to the allocator's log.
- * Nothing else in libvemo calls these functions. docs/allocator.md tells how to use them.
+ * The client library allocates nothing through it, but releases the texts that cross between
+ * it and the application correctly either way (Ownership below). docs/allocator.md tells how
+ * to use the allocator.
  *
  * The log file
  *   "memguard.log" in the current working directory at the first call, opened for appending;
@@ -32,6 +34,11 @@
  *     string literal such as __FILE__ always does.
  *   - Texts passed in (mark descriptions, trap texts, format strings) are borrowed for the
  *     call. The text an answer function receives lives only for that call.
+ *   - The responses of vemo_send_request_sync and vemo_get_response are system memory that
+ *     mwFree and mwRealloc recognise: free() releases them with or without the override
+ *     header (mwRealloc keeps them system memory). An answer a vemo handler stores may be a
+ *     tracked block or system memory; the library releases either kind correctly, a tracked
+ *     one with mwFree under the place "libvemo", line 0.
  *
  * Results
  *   Pointers (NULL on failure, with a line in the log) and small counts; no error codes.

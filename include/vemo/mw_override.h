@@ -15,6 +15,9 @@
  *     otherwise it is reported as a "WILD free" and not released;
  *   - memory from the mapped malloc must not reach code that frees it with the system's free
  *     (the system would see a pointer into the middle of a block).
+ * libvemo's own texts are the exception to both: free() the responses of
+ * vemo_send_request_sync and vemo_get_response as usual, and let handlers store answers made
+ * with the mapped malloc or strdup; the library releases them with the matching allocator.
  */
 #ifndef VEMO_MW_OVERRIDE_H
 #define VEMO_MW_OVERRIDE_H

@@ -74,6 +74,63 @@ VEMO_API int vemo_send_request_async_ex(const char *request, int timeout_ms, int
  * client is closed all the same). */
 VEMO_API int vemo_shutdown(int timeout_ms);
 
+/* ---- Log sink ------------------------------------------------------------------------------
+ * By default every log line goes to standard output in the form <vemo/util.h> describes, and
+ * with no sink installed that stays so, byte for byte. An application may hand the lines to a
+ * function of its own instead (with a user pointer), and drop the lines below a level.
+ *
+ * Each line is formatted once, into a buffer on the logging thread's stack (no allocation per
+ * line); a message longer than VEMO_LOG_MESSAGE_MAX - 1 bytes is cut there and ends in "...".
+ * Lines below the sink's minimum level are not formatted at all.
+ *
+ * Levels: a line logged under a level name other than the four below (LOG_PRINT of an
+ * application) is delivered as VEMO_LOG_ERROR, so that no minimum level can hide it.
+ *
+ * Threads. The sink runs on whichever thread logs: application threads inside vemo_ calls,
+ * and the library's own threads, possibly while a library lock is held. So a sink
+ *   - must be thread-safe and should return promptly (a slow sink slows the client);
+ *   - must not call vemo_ functions (a line it logs itself goes to standard output);
+ *   - receives texts that are valid only during the call.
+ * Installing is safe at any time from any thread. Every line goes whole to one sink, the
+ * previous or the new one. vemo_set_log_sink returns only when no thread is still calling the
+ * previous sink, so its user pointer may be released right after the call; it waits for those
+ * calls to end (no lock is held around a sink call), so do not install while holding a lock
+ * that your sink takes. Installing from within a sink is refused (VEMO_ERR_INVALID_ARG). */
+
+/* Severity of a line, from least to most severe. */
+typedef enum {
+  VEMO_LOG_DEBUG = 0, /* progress: set-up, tear-down, bookkeeping */
+  VEMO_LOG_INFO = 1,  /* the texts sent and received: request and response bodies */
+  VEMO_LOG_WARN = 2,  /* rejected arguments, fallbacks that go on */
+  VEMO_LOG_ERROR = 3  /* failures */
+} vemo_log_level_t;
+
+/* Bytes of a formatted message with its terminator. */
+#define VEMO_LOG_MESSAGE_MAX 2048
+
+/* A log sink: level is a vemo_log_level_t; function, file and line name the place of the
+ * line; message is the formatted message without a newline. */
+typedef void (*vemo_log_sink_cb)(void *user, int level, const char *function, const char *file,
+                                 int line, const char *message);
+
+/* Sends every line at min_level or above to sink (with user); lines below it are dropped.
+ * NULL restores the standard output line for every line (user and min_level are then
+ * ignored). VEMO_ERR_INVALID_ARG for a min_level that is no vemo_log_level_t, or when called
+ * from within a sink; the sink in force stays. */
+VEMO_API int vemo_set_log_sink(vemo_log_sink_cb sink, void *user, int min_level);
+
+/* Ready-made sink: writes the standard line (timestamp, level, process:thread, file:line,
+ * function, message) to the stdio stream user (NULL: standard output). With a minimum level it
+ * is the console log without, say, the INFO lines that carry request texts. */
+VEMO_API void vemo_log_sink_stream(void *user, int level, const char *function, const char *file,
+                                   int line, const char *message);
+
+/* Ready-made sink: syslog() with the matching priority (LOG_ERR, LOG_WARNING, LOG_INFO,
+ * LOG_DEBUG) and the text "LEVEL | file:line | function | - message"; user is unused. Call
+ * openlog() first to choose the identity and facility. */
+VEMO_API void vemo_log_sink_syslog(void *user, int level, const char *function, const char *file,
+                                   int line, const char *message);
+
 VEMO_END_DECLS
 
 #endif /* VEMO_VEMO_EXT_H */

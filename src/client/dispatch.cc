@@ -13,6 +13,7 @@
 #include "client/messages.h"
 #include "client/msg_id_pool_internal.h"
 #include "client/response_internal.h"
+#include "client/texts.h"
 #include "util/log_internal.h"
 #include "util/worker_pool.h"
 #include "vemo/util.h"
@@ -40,7 +41,7 @@ int answer_request(Connection *conn, char *answer, int id) {
     return VEMO_ERR_NO_ANSWER;
   }
   int rc = send_response(conn, answer, id);
-  free(answer);
+  text_free_answer(answer);  // made by malloc or by the debugging allocator's mapped malloc
   return rc;
 }
 

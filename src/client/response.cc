@@ -16,6 +16,7 @@
 #include "client/response_list.h"
 #include "client/response_probe.h"
 #include "util/clock.h"
+#include "client/texts.h"
 #include "util/log_internal.h"
 #include "util/sync.h"
 #include "util/thread_annotations.h"
@@ -91,7 +92,7 @@ int hand_over(ResponseEntry *taken, char **response) {
     LOG_PRINT_AS(kCollect, "ERROR", "fail to get the response");
     return VEMO_ERR_NO_RESOURCE;
   }
-  *response = text;
+  *response = text_hand_out(text);  // the application's now, whichever free() it calls
   return VEMO_OK;
 }
 

@@ -51,6 +51,11 @@ const mwFreedSlot *freed_slot(const void *p) REQUIRES(mwLock) {
   return nullptr;
 }
 
+void remember_free(const void *p, const char *file, int line) REQUIRES(mwLock) {
+  mwFreedRing[mwFreedPos] = mwFreedSlot{p, file, line};
+  mwFreedPos = (mwFreedPos + 1) % kFreedRingSlots;
+}
+
 // A free or reallocation of a pointer that is not a live tracked block.
 void report_bad_release(const char *what, long event, const void *p, const char *file, int line)
     REQUIRES(mwLock) {
@@ -118,6 +123,11 @@ void *mwMallocLocked(size_t size, const char *file, int line) {
   if (mwTail == nullptr) mwTail = mw;
 
   unsigned char *user = mwUserArea(mw);
+  // A text handed out at this address was released with the system's free meanwhile.
+  mwTakeHandedOutText(user);
+  if (!mwTrackedEver.load(std::memory_order_relaxed)) {
+    mwTrackedEver.store(true, std::memory_order_release);
+  }
   memcpy(user - kGuardLen, mwGuard, kGuardLen);
   memset(user, kFillNew, size);
   memcpy(user + size, mwGuard, kGuardLen);
@@ -146,6 +156,13 @@ void mwFreeLocked(void *p, const char *file, int line) {
     mwFlushLog();
     return;
   }
+  if (mwTakeHandedOutText(p)) {
+    // A response of the client library: system memory, released as such and remembered so
+    // that a second free is told as a double free.
+    remember_free(p, file, line);
+    free(p);
+    return;
+  }
   mwData *mw = mwHeaderOf(p);
   if (mwIsOwned(mw, file, line) != 0) {
     mwCheckBlock(mw, file, line);
@@ -169,8 +186,7 @@ void mwFreeLocked(void *p, const char *file, int line) {
         mwFillReleased(mw, kFillReleased, length);
         free(mw);
       }
-      mwFreedRing[mwFreedPos] = mwFreedSlot{p, file, line};
-      mwFreedPos = (mwFreedPos + 1) % kFreedRingSlots;
+      remember_free(p, file, line);
       return;
     }
   }
@@ -293,6 +309,12 @@ extern "C" VEMO_API void *mwRealloc(void *p, size_t size, const char *file, int 
   if (size == 0) {
     mwFreeLocked(p, file, line);
     return nullptr;
+  }
+  if (mwTakeHandedOutText(p)) {
+    // A response of the client library stays system memory, and stays known as such.
+    void *q = realloc(p, size);
+    mwNoteHandedOutText(q != nullptr ? q : p);
+    return q;
   }
   mwData *mw = mwHeaderOf(p);
   if (mwIsOwned(mw, file, line) != 0) {

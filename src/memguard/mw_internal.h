@@ -14,6 +14,9 @@
 #include <stdint.h>
 #include <stdio.h>
 
+#include <atomic>
+
+#include "memguard/crossing.h"
 #include "util/thread_annotations.h"
 #include "vemo/mw.h"
 
@@ -252,6 +255,10 @@ int mwRepairChain(mwData *block, const char *file, int line) REQUIRES(mwLock);
 
 // traps.cc
 void mwTraceText(const char *format, ...) VEMO_PRINTF(1, 2) REQUIRES(mwLock);
+
+// crossing.cc (and crossing.h): texts handed between the application and the client library.
+// Set by the first tracked allocation: until then no answer can be a tracked block.
+extern std::atomic<bool> mwTrackedEver;
 
 // reserve.cc
 unsigned mwGrabChunks(unsigned kilobytes, int type) REQUIRES(mwLock);

@@ -50,19 +50,59 @@ void log_write(FILE *stream, const char *timestamp, const char *level, const cha
 
 void log_set_stream(FILE *stream) { g_stream.store(stream, std::memory_order_release); }
 
+namespace {
+
+FILE *log_stream() {
+  FILE *stream = g_stream.load(std::memory_order_acquire);
+  return stream != nullptr ? stream : stdout;
+}
+
+void write_standard(FILE *stream, const char *level, const char *file, int line,
+                    const char *function, const char *format, va_list args) VEMO_PRINTF(6, 0);
+void write_standard(FILE *stream, const char *level, const char *file, int line,
+                    const char *function, const char *format, va_list args) {
+  // The timestamp lives on the stack: a log line costs no heap allocation.
+  char timestamp[kTimestampSize] = {0};
+  struct timeval tv;
+  bool have_time = gettimeofday(&tv, nullptr) == 0 && format_timestamp(tv, timestamp);
+  log_write(stream, have_time ? timestamp : nullptr, level, file, line, function, format, args);
+}
+
+void write_standard_text(FILE *stream, const char *level, const char *file, int line,
+                         const char *function, const char *format, ...) VEMO_PRINTF(6, 7);
+void write_standard_text(FILE *stream, const char *level, const char *file, int line,
+                         const char *function, const char *format, ...) {
+  va_list args;
+  va_start(args, format);
+  write_standard(stream, level, file, line, function, format, args);
+  va_end(args);
+}
+
+}  // namespace
+
+void log_write_text(FILE *stream, const char *level, const char *file, int line,
+                    const char *function, const char *message) {
+  write_standard_text(stream != nullptr ? stream : log_stream(), level, file, line, function,
+                      "%s", message);
+}
+
 }  // namespace vemo
 
 extern "C" VEMO_API void vemo_log_print(const char *level, const char *file, int line,
                                         const char *function, const char *format, ...) {
-  // The timestamp lives on the stack: a log line costs no heap allocation.
-  char timestamp[vemo::kTimestampSize] = {0};
-  struct timeval tv;
-  bool have_time = gettimeofday(&tv, nullptr) == 0 && vemo::format_timestamp(tv, timestamp);
-  FILE *stream = vemo::g_stream.load(std::memory_order_acquire);
+  if (format == nullptr) {
+    // Once more with a literal, so that the format passed down is always a checked one.
+    vemo_log_print(level, file, line, function, "%s", "");
+    return;
+  }
+  const char *level_text = level != nullptr ? level : "";
+  const char *file_text = file != nullptr ? file : "";
+  const char *function_text = function != nullptr ? function : "";
   va_list args;
   va_start(args, format);
-  vemo::log_write(stream != nullptr ? stream : stdout, have_time ? timestamp : nullptr,
-                  level != nullptr ? level : "", file != nullptr ? file : "", line,
-                  function != nullptr ? function : "", format != nullptr ? format : "", args);
+  if (!vemo::log_sink_deliver(level_text, file_text, line, function_text, format, args)) {
+    vemo::write_standard(vemo::log_stream(), level_text, file_text, line, function_text, format,
+                         args);
+  }
   va_end(args);
 }
