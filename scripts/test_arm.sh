@@ -24,4 +24,5 @@ if [ "$(head -n1 /proc/sys/fs/binfmt_misc/qemu-arm 2>/dev/null)" != enabled ]; t
 fi
 
 echo "=== armhf tests under qemu-arm"
-ctest --test-dir "$dir" --output-on-failure -j "$(nproc)" -E "$exclude" "$@"
+# As in scripts/test.sh, a failing test gets up to three tries (emulated timing is loose).
+ctest --test-dir "$dir" --output-on-failure -j "$(nproc)" --repeat until-pass:3 -E "$exclude" "$@"
