@@ -168,6 +168,7 @@ TEST_F(Resilience, WaitForAFreeIdCountsAgainstTheDeadline) {
 // An acknowledgement that comes after its sender gave up can never complete a newer request:
 // the id stays out of use until that late answer has come.
 TEST_F(Resilience, LateAcknowledgementNeverReachesANewerRequest) {
+  ASSERT_NO_FATAL_FAILURE(Connect());
   daemon_.set_drop_ack(true);
   EXPECT_EQ(VEMO_ERR_TIMEOUT, vemo_send_request_async("given up", 100, 0, nullptr));
   const int late_id = daemon_.wait_for_method("device_request", kWaitMs)->id;
