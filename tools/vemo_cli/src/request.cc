@@ -8,6 +8,7 @@
 #include <string>
 
 #include <vemo/vemo.h>
+#include <vemo/vemo_ext.h>
 
 #include "clock.h"
 #include "commands.h"
@@ -33,16 +34,18 @@ class ArrivalSignal {
     pthread_condattr_destroy(&attr);
   }
 
-  void notify(int id) {
+  void notify(int id, int code) {
     pthread_mutex_lock(&mutex_);
     arrived_ = true;
     id_ = id;
+    code_ = code;
     pthread_cond_broadcast(&cond_);
     pthread_mutex_unlock(&mutex_);
   }
 
-  // True once a response arrived; false when wait_ms passed first. *id: the callback's id.
-  bool wait(int wait_ms, int *id) {
+  // True once the outcome arrived; false when wait_ms passed first. *id: the callback's id,
+  // *code: 0, or the daemon's code when the cloud failed the request.
+  bool wait(int wait_ms, int *id, int *code) {
     const struct timespec deadline = monotonic_deadline(wait_ms);
     pthread_mutex_lock(&mutex_);
     while (!arrived_) {
@@ -50,6 +53,7 @@ class ArrivalSignal {
     }
     bool arrived = arrived_;
     *id = id_;
+    *code = code_;
     pthread_mutex_unlock(&mutex_);
     return arrived;
   }
@@ -59,6 +63,7 @@ class ArrivalSignal {
   pthread_cond_t cond_;
   bool arrived_ = false;  // guarded by mutex_
   int id_ = -1;           // guarded by mutex_
+  int code_ = 0;          // guarded by mutex_
 };
 
 ArrivalSignal &arrival() {
@@ -66,8 +71,11 @@ ArrivalSignal &arrival() {
   return *signal;
 }
 
-// Runs on a library dispatch thread.
-void on_response(int id, const char * /*response*/) { arrival().notify(id); }
+// Runs on a library handler thread. The variant that is told the outcome: a request that the
+// cloud failed ends at once with the daemon's code instead of waiting out --wait.
+void on_response(int id, int code, const char * /*response*/, void * /*user*/) {
+  arrival().notify(id, code);
+}
 
 // Prints a response the library handed over (id: its request id, or -1 when the call gave none),
 // and frees it.
@@ -95,7 +103,8 @@ int run_sync(const Options &o) {
 
 int run_async(const Options &o) {
   arrival();  // made before any library thread could need it
-  const int id = vemo_send_request_async(o.text.c_str(), o.timeout_ms, o.flag, on_response);
+  const int id =
+      vemo_send_request_async_ex(o.text.c_str(), o.timeout_ms, o.flag, on_response, nullptr);
   if (id < 0) return report_code("request", id);
   // The id first and at once: a script may act on it while the response is awaited.
   if (!output_line(output_json() ? JsonLine("accepted").add("id", id).str() : std::to_string(id))) {
@@ -103,7 +112,8 @@ int run_async(const Options &o) {
     return kExitToolFailure;
   }
   int seen = -1;
-  if (!arrival().wait(o.effective_wait_ms(), &seen)) {
+  int code = 0;
+  if (!arrival().wait(o.effective_wait_ms(), &seen, &code)) {
     report_failure("request: no response for request " + std::to_string(id) + " within " +
                    std::to_string(o.effective_wait_ms()) + " ms");
     return kExitTimeout;
@@ -113,6 +123,7 @@ int run_async(const Options &o) {
                    std::to_string(id));
     return kExitLibrary;
   }
+  if (code != 0) return report_code("request", code);
   char *text = nullptr;
   int rc = vemo_get_response(id, &text);
   if (rc != 0) return report_code("collecting the response", rc);

@@ -42,6 +42,17 @@ TEST_F(DaemonRequest, OutcomesAndTheirOutput) {
     int status;
     std::string out, err;
   };
+  // The cloud fails the request: a response notification with its code that names it.
+  const auto fail_request = [](CloudDaemon &d) {
+    d.set_handler([](CloudDaemon &self, const Received &r) {
+      if (r.method != "device_request") return false;
+      self.send_text(R"({"inner_id":)" + std::to_string(r.id) +
+                         R"(,"inner_error_code":0,"inner_result":{"id":1000}})",
+                     r.conn);
+      self.send_text(R"({"inner_error_code":-7,"inner_result":{"id":1000}})", r.conn);
+      return true;
+    });
+  };
   const std::string teardown_error =
       "vemo-cli: request: error -1101: not connected: connecting or sending failed, or the client "
       "was torn down\n";
@@ -71,6 +82,10 @@ TEST_F(DaemonRequest, OutcomesAndTheirOutput) {
          });
        },
        {"request", "x"}, 4, "", teardown_error},
+      {fail_request, {"request", "x"}, 6, "",
+       "vemo-cli: request: refused by the daemon with code -7: unknown code\n"},
+      {fail_request, {"request", "--async", "x"}, 6, "1000\n",
+       "vemo-cli: request: refused by the daemon with code -7: unknown code\n"},
       {[](CloudDaemon &) {}, {"reconnect"}, 0, "", ""},
       {[](CloudDaemon &d) { d.set_ack_code("reconnect_cloud", -9); }, {"reconnect"}, 6, "",
        "vemo-cli: reconnect: refused by the daemon with code -9: unknown code\n"},

@@ -67,9 +67,13 @@ std::shared_ptr<const CloudDaemon::State::Settings> CloudDaemon::State::settings
 }
 
 void CloudDaemon::State::change_settings(const std::function<void(Settings &)> &change) {
+  // The settings replaced go after the lock: their handler and sink are the caller's code, and
+  // so are the destructors of what these hold.
+  std::shared_ptr<const Settings> replaced;
   MutexLock lock(mu);
   auto next = std::make_shared<Settings>(*settings);
   change(*next);
+  replaced = std::move(settings);
   settings = std::move(next);
   settings_version.fetch_add(1, std::memory_order_release);
 }

@@ -114,9 +114,13 @@ void CloudDaemon::Loop::run() {
 
 void CloudDaemon::Loop::refresh_settings() {
   if (st_.settings_version.load(std::memory_order_acquire) == settings_version_) return;
-  MutexLock lock(st_.mu);
-  settings_ = st_.settings;
-  settings_version_ = st_.settings_version.load(std::memory_order_relaxed);
+  SettingsPtr fresh;
+  {
+    MutexLock lock(st_.mu);
+    fresh = st_.settings;
+    settings_version_ = st_.settings_version.load(std::memory_order_relaxed);
+  }
+  settings_.swap(fresh);  // the old ones, if last held here, go outside the lock
 }
 
 void CloudDaemon::Loop::trace(const std::string &line) const {
