@@ -3,7 +3,8 @@
 // One client context serves the whole process, so it lives across runs: a fake daemon
 // (dispatch_peer.h) serves a private socket path, the client is connected and has a handler
 // and the hello pair registered, two asynchronous requests wait in its response list, and two
-// holder threads keep a request each waiting for its acknowledgement. Each run sends a request
+// holder threads keep a request each (one asynchronous, one synchronous) waiting for its
+// acknowledgement. Each run sends a request
 // whose acknowledgement the peer writes right after the input's messages (dispatch_input.h), so
 // the run ends once the client has read them all; every kAnswerCheckEvery runs a cloud_request
 // checks that the handlers still answer. A teardown ordered by the input is followed by a
@@ -46,7 +47,9 @@ constexpr int kFirstSentinel = 1000000000;
 constexpr size_t kRecentValues = 8;
 
 void on_cloud_request(const char *request, char **response) {
-  // The request's first letter picks what the handler does, so inputs reach every path.
+  // The request's first letter picks what the handler does, so inputs reach every path; the
+  // answer is the request itself, whatever bytes it holds, so that the reply's text escapes are
+  // exercised too.
   switch (request[0]) {
     case 'n':
       return;  // no answer
@@ -58,10 +61,13 @@ void on_cloud_request(const char *request, char **response) {
     case 's':  // a request from a handler; the peer refuses it, so nothing stays pending
       vemo_send_request_async("refuse:from a handler", 50, 0, nullptr);
       break;
+    case 'r':
+      vemo_reconnect_cloud();
+      break;
     default:
       break;
   }
-  *response = strdup(request[0] == 'e' ? "" : "answer");
+  *response = strdup(request);
 }
 
 void on_hello_request(char **response) { *response = strdup("hello"); }
@@ -270,11 +276,20 @@ class Harness {
         if (stopping_) return;
         failed_at = UINT32_MAX;
       }
+      // Holder 0 sends asynchronous requests, holder 1 synchronous ones: an acknowledgement
+      // from the input then makes it wait for a response that the input may give.
       peer_.holder_enters(index);
-      int rc = vemo_send_request_async(text.c_str(), kHoldTimeoutMs, 0, nullptr);
+      int rc = 0;
+      if (index == 0) {
+        rc = vemo_send_request_async(text.c_str(), kHoldTimeoutMs, 0, nullptr);
+      } else {
+        char *response = nullptr;
+        rc = vemo_send_request_sync(text.c_str(), kHoldTimeoutMs, 0, &response);
+        free(response);
+      }
       peer_.holder_leaves(index);
       std::lock_guard<std::mutex> hold(mu_);
-      if (rc >= 0) {
+      if (rc >= 0 && index == 0) {  // a request id (the synchronous call returns 0)
         recent_.push_back(rc);
         if (recent_.size() > kRecentValues) recent_.erase(recent_.begin());
       } else if (rc == VEMO_ERR_DISCONNECTED || rc == VEMO_ERR_NO_SERVER) {

@@ -16,6 +16,8 @@ namespace {
 constexpr int kMaxOps = 64;
 constexpr size_t kMaxFramesBytes = 256 * 1024;
 constexpr int kMaxDepth = 4;
+constexpr int kFirstRequestId = 1000;
+constexpr int kRequestIds = 8;
 
 class Reader {
  public:
@@ -187,9 +189,16 @@ int pick_from(Reader &r, const std::vector<int> &ids, bool *found) {
 // A daemon's error code: mostly 0 (success), else any number.
 std::string error_code(Reader &r) { return r.byte() % 4 == 3 ? number(r) : "0"; }
 
+// A request id from the few that acknowledgements hand out and notifications answer, so that a
+// notification often meets the request id an acknowledgement of the same input gave (a holder's
+// synchronous request then gets its response), or any number.
+std::string request_id(Reader &r) {
+  return r.byte() % 2 ? number(r) : std::to_string(kFirstRequestId + r.byte() % kRequestIds);
+}
+
 std::string ack(Reader &r, const std::string &id) {
   std::string code = error_code(r);
-  std::string result = object(r, {{"id", r.byte() % 2 ? number(r) : std::to_string(r.byte() + 1000)}});
+  std::string result = object(r, {{"id", request_id(r)}});
   return object(r, {{"inner_id", id}, {"inner_error_code", code}, {"inner_result", result}});
 }
 
@@ -223,7 +232,7 @@ std::string payload(Reader &r, int kind, const Known &known) {
       return notification(r, found ? std::to_string(id) : number(r));
     }
     case 3:
-      return notification(r, number(r));
+      return notification(r, request_id(r));
     case 4: {
       std::string params = object(r, {{"request", text(r)}});
       return object(r, {{"inner_method", method_text("cloud_request")}, {"inner_id", number(r)},

@@ -6,7 +6,7 @@
 //   0  acknowledgement of an id the client holds (a hold request waiting for it)
 //   1  acknowledgement of any id (mostly free ones: 1 to 256, or any number)
 //   2  response notification for a request id the client has in its response list
-//   3  response notification for any request id
+//   3  response notification for any request id (often one that the acknowledgements give)
 //   4  cloud_request             5  request_of_hello_cloud     6  response_of_hello_cloud
 //   7  server_notify (of any type; 1 tears the client down)
 //   8  a raw payload: bytes as they are, JSON or not, zero bytes included
