@@ -122,7 +122,7 @@ for arch in "${arches[@]}"; do
   cp "$meta/libvemo1.triggers" debian/libvemo1/DEBIAN/triggers
   # Fails on any difference from the committed symbols file: an added name needs its entry (and
   # its version node), a lost one is an ABI break (docs/abi.md).
-  dpkg-gensymbols -plibvemo1 -Pdebian/libvemo1 -c4 -I"$meta/libvemo1.symbols" -q ||
+  dpkg-gensymbols -plibvemo1 -Pdebian/libvemo1 -c4 -I"$meta/libvemo1.symbols" ||
     fail "libvemo.so's exported names differ from packaging/debian/libvemo1.symbols (above)"
   dpkg-shlibdeps -Tdebian/libvemo1.substvars "debian/libvemo1/$lib/libvemo.so.$version"
   # On armhf it warns that vemo-cli's __aeabi_atexit is missing from libstdc++6's symbols file;
