@@ -10,6 +10,7 @@
 
 #include "vemo/ipc_socket.h"
 #include "vemo/vemo.h"
+#include "vemo/vemo_ext.h"
 
 namespace bench {
 namespace {
@@ -34,8 +35,9 @@ bool someone_serves(const char *path) {
 }  // namespace
 
 bool DaemonProcess::start(const std::string &program, std::string *error) {
-  if (someone_serves(VEMO_SOCKET_PATH)) {
-    *error = "another daemon serves " VEMO_SOCKET_PATH ": stop it first";
+  path_ = "/tmp/vemo_bench." + std::to_string(getpid()) + ".sock";
+  if (vemo_set_socket_path(path_.c_str()) != 0) {
+    *error = "the socket path " + path_ + " is refused";
     return false;
   }
   pid_t pid = fork();
@@ -52,8 +54,8 @@ bool DaemonProcess::start(const std::string &program, std::string *error) {
       dup2(null_fd, STDOUT_FILENO);
       dup2(null_fd, STDERR_FILENO);
     }
-    execl(program.c_str(), program.c_str(), "--quiet", "--delay", "0", "--socket",
-          VEMO_SOCKET_PATH, static_cast<char *>(nullptr));
+    execl(program.c_str(), program.c_str(), "--quiet", "--delay", "0", "--socket", path_.c_str(),
+          static_cast<char *>(nullptr));
     _exit(127);
   }
   pid_ = pid;
@@ -67,7 +69,7 @@ bool DaemonProcess::start(const std::string &program, std::string *error) {
       *error = "the daemon exited at start (status " + std::to_string(status) + ")";
       return false;
     }
-    if (is_socket(VEMO_SOCKET_PATH) && someone_serves(VEMO_SOCKET_PATH)) return true;
+    if (is_socket(path_.c_str()) && someone_serves(path_.c_str())) return true;
     struct timespec step = {0, kStartPollMs * 1000000L};
     nanosleep(&step, nullptr);
   }

@@ -15,9 +15,10 @@ class DaemonProcess {
   DaemonProcess(const DaemonProcess &) = delete;
   DaemonProcess &operator=(const DaemonProcess &) = delete;
 
-  // Starts `program --quiet --delay 0` on the client's socket path, all output to /dev/null,
-  // and waits until the socket is there. False with *error set when it does not come up (for
-  // example because another daemon already serves the path).
+  // Starts `program --quiet --delay 0` on a socket path of this process's own (so that a daemon
+  // or a test on the default path neither disturbs nor is disturbed), all output to /dev/null,
+  // points the client at it and waits until the socket is there. False with *error set when it
+  // does not come up.
   bool start(const std::string &program, std::string *error);
   // SIGTERM, then waits for the process.
   void stop();
@@ -25,6 +26,7 @@ class DaemonProcess {
 
  private:
   pid_t pid_ = 0;
+  std::string path_;
 };
 
 }  // namespace bench
