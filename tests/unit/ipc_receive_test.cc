@@ -3,7 +3,6 @@
 // whether it ends, breaks, is interrupted or is waited on anywhere in a frame.
 #include <errno.h>
 #include <gtest/gtest.h>
-#include <malloc.h>
 #include <poll.h>
 #include <stdlib.h>
 #include <sys/resource.h>
@@ -264,41 +263,6 @@ TEST(FrameReader, ReadsInChunksAndKeepsAPartialFrameAcrossATimeout) {
     EXPECT_EQ(a, kSmall) << cut;
   }
   EXPECT_EQ(golden(log, "ERROR"), Lines{});
-}
-
-size_t heap_in_use() {  // mapped blocks included: a large frame's buffer is one of those
-  struct mallinfo2 info = mallinfo2();
-  return info.uordblks + info.hblkhd;
-}
-
-// A large frame's buffer is handed over without a copy, or given back by the next call.
-TEST(FrameReader, LargeFrameMemoryIsGivenBackOrTakenOver) {
-  SocketPair pair;
-  vemo::FrameReader reader(pair.local());
-  LogCapture log;
-  const std::string large(3 * 1024 * 1024, 'L');
-  ASSERT_TRUE(write_all(pair.peer(), frame_of(kSmall)));
-  ASSERT_EQ(receive(kReader, reader, kBlock), 0);  // the chunk is there from now on
-  const size_t before = heap_in_use();
-  std::thread writer([&] { write_all(pair.peer(), frame_of(large) + frame_of(large) + frame_of(kSmall)); });
-  const char *inside = nullptr;
-  uint32_t length = 0;
-  ASSERT_EQ(reader.next(5000, &inside, &length), 0);
-  char *taken = reader.take_text();
-  EXPECT_EQ(taken, inside);
-  free(taken);
-  ASSERT_EQ(reader.next(5000, &inside, &length), 0);  // not taken: freed by the next call
-  ASSERT_EQ(reader.next(5000, &inside, &length), 0);
-  writer.join();
-  char *copy = reader.take_text();
-  EXPECT_NE(copy, inside);
-  EXPECT_STREQ(copy, kSmall.c_str());
-  free(copy);
-#if !defined(VEMO_SANITIZER_BUILD)  // the sanitizers' allocators do not keep these counts
-  EXPECT_LT(heap_in_use(), before + vemo::FrameReader::kChunkSize);
-#else
-  (void)before;
-#endif
 }
 
 }  // namespace

@@ -25,7 +25,7 @@ constexpr size_t kLongestPath = sizeof(sockaddr_un{}.sun_path) - 1;
 // Both ends on the longest path that fits: the server listens non-blocking, the client blocks,
 // both close on exec, the address length counts the path without its terminator, and the file
 // stays where it is.
-TEST(IpcSocketOpen, EndsOnTheLongestPathExchangeFrames) {
+TEST(IpcSocketOpen, EndsOnTheLongestPathConnect) {
   TempSocketPath dir;
   LogCapture log;
   std::string path = dir.directory() + "/";
@@ -43,13 +43,8 @@ TEST(IpcSocketOpen, EndsOnTheLongestPathExchangeFrames) {
   EXPECT_NE(fcntl(server, F_GETFL) & O_NONBLOCK, 0);
   EXPECT_EQ(fcntl(client, F_GETFL) & O_NONBLOCK, 0);
   for (int fd : {server, client}) EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
-  const int service = accept(server, nullptr, nullptr);
+  const int service = accept(server, nullptr, nullptr);  // queued, though the server does not block
   ASSERT_GE(service, 0);
-  char *text = nullptr;
-  ASSERT_EQ(ipc_socket_send(client, "{\"ping\":1}"), 0);
-  ASSERT_EQ(ipc_socket_recv_timed(service, 1000, &text), 0);
-  EXPECT_STREQ(text, "{\"ping\":1}");
-  free(text);
   EXPECT_EQ(golden(log, "ERROR"), Lines{});
   for (int fd : {service, client, server}) close(fd);
   EXPECT_EQ(access(path.c_str(), F_OK), 0);  // the transport never removes the socket file

@@ -107,22 +107,6 @@ TEST(LogSink, RefusesBadInstallsAndCutsLongMessages) {
                                 "ERROR reentrant: logged by the sink"}));
 }
 
-TEST(LogSink, TheStreamSinkWritesTheDefaultLine) {
-  vemo_test::LogCapture log;
-  const auto info_and_warn = [] {
-    vemo_log_print("INFO", "src/ipc/ipc_socket.cc", 57, "ipc_socket_recv", "IPC receive from %d: %s", 5, "{}");
-    vemo_log_print("WARN", "src/ipc/ipc_socket.cc", 58, "ipc_socket_recv", "x=%d", 1);
-  };
-  info_and_warn();
-  ASSERT_EQ(vemo_set_log_sink(vemo_log_sink_stream, nullptr, VEMO_LOG_WARN), VEMO_OK);
-  info_and_warn();
-  ASSERT_EQ(vemo_set_log_sink(nullptr, nullptr, 0), VEMO_OK);
-  Lines lines;  // the timestamps differ; everything after them is the same bytes
-  for (const std::string &line : log.lines()) lines.push_back(line.substr(23));
-  ASSERT_EQ(lines.size(), 3u);
-  EXPECT_EQ(lines[2], lines[1]);
-}
-
 int g_syslog_priority;
 std::string g_syslog_text;
 void fake_syslog(int priority, const char *format, ...) {
