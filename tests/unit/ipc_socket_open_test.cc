@@ -1,82 +1,41 @@
-// Opening the service end and the client end on socket files, and the failures of each step.
+// Opening the service end and the client end on socket files, and the failure of each step.
 #include <errno.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <stdlib.h>
-#include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
 
-#include <string>
-#include <vector>
+#include <functional>
 
-#include "support/log_capture.h"
 #include "support/socket_pair.h"
 #include "support/sys_faults.h"
+#include "unit/golden.h"
 #include "vemo/ipc_socket.h"
 
 namespace {
 
-using vemo_test::LogCapture;
-using vemo_test::open_descriptor_count;
-using vemo_test::SysFaults;
-using vemo_test::TempSocketPath;
-using Messages = std::vector<std::string>;
+using namespace vemo_test;
+using vemo_unit::golden;
+using vemo_unit::Lines;
 
 constexpr size_t kLongestPath = sizeof(sockaddr_un{}.sun_path) - 1;
 
-bool file_exists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
-
-// A path of exactly length characters inside dir (which must be short enough).
-std::string path_of_length(const std::string &dir, size_t length) {
-  std::string path = dir + "/";
-  path.append(length - path.size(), 'p');
-  return path;
-}
-
-class IpcSocketOpen : public ::testing::Test {
- protected:
-  void SetUp() override { ASSERT_FALSE(path_.directory().empty()); }
-  TempSocketPath path_;
-  LogCapture log_;
-};
-
-TEST_F(IpcSocketOpen, ServerAndClientConnectAndExchangeFrames) {
+// Both ends on the longest path that fits: the server listens non-blocking, the client blocks,
+// both close on exec, the address length counts the path without its terminator, and the file
+// stays where it is.
+TEST(IpcSocketOpen, EndsOnTheLongestPathConnect) {
+  TempSocketPath dir;
+  LogCapture log;
+  std::string path = dir.directory() + "/";
+  path.append(kLongestPath - path.size(), 'p');
   SysFaults sys;
-  int server = ipc_socket_init_as_server(path_.c_str());
-  ASSERT_GE(server, 0) << log_.text();
-  EXPECT_EQ(sys.last_bind_length.load(), static_cast<int>(2 + path_.path().size()));
-  int client = ipc_socket_init_as_client(path_.c_str());
-  ASSERT_GE(client, 0) << log_.text();
-  EXPECT_EQ(sys.last_connect_length.load(), static_cast<int>(2 + path_.path().size()));
-
-  // The listening end is non-blocking, yet the queued connection is there to accept.
-  int service = accept(server, nullptr, nullptr);
-  ASSERT_GE(service, 0);
-  ASSERT_EQ(ipc_socket_send(client, "{\"ping\":1}"), 0);
-  char *text = nullptr;
-  ASSERT_EQ(ipc_socket_recv_timed(service, 1000, &text), 0);
-  EXPECT_STREQ(text, "{\"ping\":1}");
-  free(text);
-  ASSERT_EQ(ipc_socket_send(service, "{\"pong\":1}"), 0);
-  text = nullptr;
-  ASSERT_EQ(ipc_socket_recv(client, &text), 0);
-  EXPECT_STREQ(text, "{\"pong\":1}");
-  free(text);
-  EXPECT_EQ(log_.messages("", "ERROR"), Messages{});
-
-  close(service);
-  close(client);
-  close(server);
-  EXPECT_TRUE(file_exists(path_.path()));  // the transport never removes the socket file
-}
-
-TEST_F(IpcSocketOpen, ServerEndListensNonBlockingClientEndBlocksBothCloseOnExec) {
-  int server = ipc_socket_init_as_server(path_.c_str());
+  const int server = ipc_socket_init_as_server(path.c_str()), client = ipc_socket_init_as_client(path.c_str());
   ASSERT_GE(server, 0);
-  int client = ipc_socket_init_as_client(path_.c_str());
   ASSERT_GE(client, 0);
+  EXPECT_EQ(sys.last_bind_length.load(), static_cast<int>(2 + kLongestPath));
+  EXPECT_EQ(sys.last_connect_length.load(), static_cast<int>(2 + kLongestPath));
   int listening = 0;
   socklen_t size = sizeof listening;
   ASSERT_EQ(getsockopt(server, SOL_SOCKET, SO_ACCEPTCONN, &listening, &size), 0);
@@ -84,101 +43,72 @@ TEST_F(IpcSocketOpen, ServerEndListensNonBlockingClientEndBlocksBothCloseOnExec)
   EXPECT_NE(fcntl(server, F_GETFL) & O_NONBLOCK, 0);
   EXPECT_EQ(fcntl(client, F_GETFL) & O_NONBLOCK, 0);
   for (int fd : {server, client}) EXPECT_NE(fcntl(fd, F_GETFD) & FD_CLOEXEC, 0);
-  close(client);
-  close(server);
+  const int service = accept(server, nullptr, nullptr);  // queued, though the server does not block
+  ASSERT_GE(service, 0);
+  EXPECT_EQ(golden(log, "ERROR"), Lines{});
+  for (int fd : {service, client, server}) close(fd);
+  EXPECT_EQ(access(path.c_str(), F_OK), 0);  // the transport never removes the socket file
 }
 
-TEST_F(IpcSocketOpen, ServerOnExistingFileFailsToBindAndKeepsTheFile) {
-  FILE *f = fopen(path_.c_str(), "w");
-  ASSERT_NE(f, nullptr);
-  fclose(f);
-  int before = open_descriptor_count();
-  EXPECT_EQ(ipc_socket_init_as_server(path_.c_str()), VEMO_ERR_NO_SERVER);
-  EXPECT_EQ(open_descriptor_count(), before);
-  EXPECT_TRUE(file_exists(path_.path()));
-  EXPECT_EQ(log_.messages("ipc_socket_init_as_server", "ERROR"),
-            Messages{"fail to bind the unix socket, error=" + std::to_string(EADDRINUSE)});
-}
-
-// A failed step closes what the earlier steps opened, and says which step failed.
-TEST_F(IpcSocketOpen, FailedStepsLeakNoDescriptor) {
+// A refused path opens no socket; a failed step closes what the earlier ones opened.
+TEST(IpcSocketOpen, RefusalsAndFailedStepsLeakNothing) {
+  TempSocketPath dir;
+  const std::string overlong = dir.directory() + "/" + std::string(kLongestPath - dir.directory().size(), 'p');
+  const auto fail = [](CallScript SysFaults::*call, int error) {
+    return [=](SysFaults &s) { (s.*call).fail_with(error); };
+  };
+  const auto none = [](SysFaults &) {};
   const struct {
-    bool server;
-    int errno_value;
-    vemo_test::CallScript SysFaults::*call;
-    int code;
+    const char *path;
+    std::function<void(SysFaults &)> fault;
+    const char *before;  // what is at the path first: nothing, "file" or "socket" (nobody listens)
+    int server_code, client_code;
     std::string line;
-  } cases[] = {
-      {true, EMFILE, &SysFaults::socket, VEMO_ERR_NO_SERVER,
+  } rows[] = {
+      {nullptr, none, "", VEMO_ERR_NO_SERVER, VEMO_ERR_DISCONNECTED, "the socket path is NULL"},
+      {"", none, "", VEMO_ERR_NO_SERVER, VEMO_ERR_DISCONNECTED, "the socket path is empty"},
+      {overlong.c_str(), none, "", VEMO_ERR_NO_SERVER, VEMO_ERR_DISCONNECTED,
+       "the socket path is too long, size=" + std::to_string(kLongestPath + 1)},
+      {dir.c_str(), fail(&SysFaults::socket, EMFILE), "", VEMO_ERR_NO_SERVER, VEMO_ERR_NO_RESOURCE,
        "fail to create the unix socket, error=24"},
-      {true, EOPNOTSUPP, &SysFaults::listen, VEMO_ERR_NO_SERVER,
+      {dir.c_str(), fail(&SysFaults::listen, EOPNOTSUPP), "", VEMO_ERR_NO_SERVER, 0,
        "fail to listen to the unix socket, error=" + std::to_string(EOPNOTSUPP)},
-      {false, ENFILE, &SysFaults::socket, VEMO_ERR_NO_RESOURCE,
-       "fail to create the unix socket, error=23"},
-      {false, 0, nullptr, VEMO_ERR_DISCONNECTED,  // no socket file
-       "fail to connect the unix socket, error=" + std::to_string(ENOENT)},
-      {false, ECONNREFUSED, nullptr, VEMO_ERR_DISCONNECTED,  // a file, but nobody listens
+      {dir.c_str(), none, "file", VEMO_ERR_NO_SERVER, 0,
+       "fail to bind the unix socket, error=" + std::to_string(EADDRINUSE)},
+      {dir.c_str(), none, "", 0, VEMO_ERR_DISCONNECTED, "fail to connect the unix socket, error=" + std::to_string(ENOENT)},
+      {dir.c_str(), none, "socket", 0, VEMO_ERR_DISCONNECTED,
        "fail to connect the unix socket, error=" + std::to_string(ECONNREFUSED)},
   };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.line);
-    log_.clear();
-    SysFaults sys;
-    if (c.call != nullptr) (sys.*c.call).fail_with(c.errno_value);
-    if (c.errno_value == ECONNREFUSED) close(ipc_socket_init_as_server(path_.c_str()));
-    int before = open_descriptor_count();
-    EXPECT_EQ(c.server ? ipc_socket_init_as_server(path_.c_str())
-                       : ipc_socket_init_as_client(path_.c_str()),
-              c.code);
-    EXPECT_EQ(open_descriptor_count(), before);
-    EXPECT_EQ(log_.messages(c.server ? "ipc_socket_init_as_server" : "ipc_socket_init_as_client",
-                            "ERROR"),
-              Messages{c.line});
-    unlink(path_.c_str());
+  for (const auto &row : rows) {
+    for (bool server : {true, false}) {
+      const int code = server ? row.server_code : row.client_code;
+      if (code == 0) continue;
+      SCOPED_TRACE(row.line + (server ? " (server)" : " (client)"));
+      LogCapture log;
+      if (row.before == std::string("file")) close(open(dir.c_str(), O_CREAT | O_WRONLY, 0600));
+      if (row.before == std::string("socket")) close(ipc_socket_init_as_server(dir.c_str()));
+      const int descriptors = open_descriptor_count();
+      SysFaults sys;
+      row.fault(sys);
+      EXPECT_EQ(server ? ipc_socket_init_as_server(row.path) : ipc_socket_init_as_client(row.path), code);
+      EXPECT_EQ(open_descriptor_count(), descriptors);
+      if (row.path != dir.c_str()) EXPECT_EQ(sys.socket.calls.load(), 0);
+      EXPECT_EQ(golden(log), Lines{std::string("ERROR ipc_socket_init_as_") + (server ? "server: " : "client: ") + row.line});
+      if (*row.before != '\0') EXPECT_EQ(access(dir.c_str(), F_OK), 0);  // a file in the way is kept
+      unlink(dir.c_str());
+    }
   }
 }
 
-TEST_F(IpcSocketOpen, ServerWhoseFlagsCannotBeReadIsLeftBlocking) {
+TEST(IpcSocketOpen, ServerWhoseFlagsCannotBeReadIsLeftBlocking) {
+  TempSocketPath dir;
   SysFaults sys;
   sys.fcntl.fail_with(EBADF);  // F_GETFL
-  int server = ipc_socket_init_as_server(path_.c_str());
+  const int server = ipc_socket_init_as_server(dir.c_str());
   ASSERT_GE(server, 0);
   EXPECT_EQ(sys.fcntl.calls.load(), 1);  // no F_SETFL with a garbage flag word
   EXPECT_EQ(fcntl(server, F_GETFL) & O_NONBLOCK, 0);
   close(server);
-}
-
-TEST_F(IpcSocketOpen, LongestPathThatFitsIsAccepted) {
-  std::string path = path_of_length(path_.directory(), kLongestPath);
-  int server = ipc_socket_init_as_server(path.c_str());
-  ASSERT_GE(server, 0) << log_.text();
-  int client = ipc_socket_init_as_client(path.c_str());
-  EXPECT_GE(client, 0) << log_.text();
-  if (client >= 0) close(client);
-  close(server);
-  unlink(path.c_str());
-}
-
-TEST_F(IpcSocketOpen, UnusablePathsAreRefusedBeforeAnySocket) {
-  const std::string overlong = path_of_length(path_.directory(), kLongestPath + 1);
-  const struct {
-    const char *path;
-    std::string line;
-  } cases[] = {
-      {nullptr, "the socket path is NULL"},
-      {"", "the socket path is empty"},
-      {overlong.c_str(), "the socket path is too long, size=" + std::to_string(kLongestPath + 1)},
-  };
-  for (const auto &c : cases) {
-    SCOPED_TRACE(c.line);
-    log_.clear();
-    SysFaults sys;
-    EXPECT_EQ(ipc_socket_init_as_server(c.path), VEMO_ERR_NO_SERVER);
-    EXPECT_EQ(ipc_socket_init_as_client(c.path), VEMO_ERR_DISCONNECTED);
-    EXPECT_EQ(sys.socket.calls.load(), 0);
-    EXPECT_EQ(log_.messages("ipc_socket_init_as_server", "ERROR"), Messages{c.line});
-    EXPECT_EQ(log_.messages("ipc_socket_init_as_client", "ERROR"), Messages{c.line});
-  }
 }
 
 }  // namespace

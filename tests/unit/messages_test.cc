@@ -1,94 +1,110 @@
-// The wire shape of the client's messages and the reading rules for the daemon's.
+// The client's messages on the wire, the reading rules for the daemon's, and the memory bound of
+// a received message.
 #include <gtest/gtest.h>
 
 #include <climits>
 #include <string>
 
+#include "client/json_bounds.h"
 #include "client/messages.h"
+#include "vemo/ipc_socket.h"
 
 namespace {
 
-using vemo::JsonPtr;
-using vemo::MessageText;
-
-std::string closed(MessageText message, int id) {
+std::string closed(vemo::MessageText message, int id) {
   message.close_with_id(id);
   return message.ok() ? std::string(message.c_str()) : std::string("<failed>");
 }
 
-// What cJSON's unformatted printer gives for the same object: the text builder must match it
-// byte for byte.
-std::string printed_by_cjson(const char *request, int timeout_ms, int flag, int id) {
-  JsonPtr message(cJSON_CreateObject());
-  cJSON_AddItemToObject(message.get(), "inner_method", cJSON_CreateString("device_request"));
-  cJSON *params = cJSON_CreateObject();
-  cJSON_AddItemToObject(message.get(), "inner_params", params);
-  cJSON_AddItemToObject(params, "request", cJSON_CreateString(request));
-  cJSON_AddItemToObject(params, "timeout_ms", cJSON_CreateNumber(timeout_ms));
-  cJSON_AddItemToObject(params, "flag", cJSON_CreateNumber(flag));
-  cJSON_AddItemToObject(message.get(), "inner_id", cJSON_CreateNumber(id));
-  vemo::HeapText text(cJSON_PrintUnformatted(message.get()));
-  return text.get();
-}
-
+// The text builder must give what cJSON's unformatted printer gives, byte for byte.
 TEST(ClientMessages, DeviceRequestIsPrintedAsCjsonPrintsIt) {
   std::string every_byte;
   for (int c = 1; c < 256; ++c) every_byte += static_cast<char>(c);
   const struct {
     std::string request;
     int timeout_ms, flag, id;
-  } cases[] = {
-      {"hi \"there\"", 3000, -1, 7},
-      {"", -1, 0, 256},
-      {"tab\tnew\nline\\back\bform\fret\r", INT_MAX, INT_MIN, 1},
-      {"\x01\x1f\x7f \xc3\xa9 \xe2\x82\xac", 0, 5, 2},
-      {every_byte, 100, 1, 3},
-  };
-  for (const auto &c : cases) {
-    EXPECT_EQ(closed(vemo::device_request_text(c.request.c_str(), c.timeout_ms, c.flag), c.id),
-              printed_by_cjson(c.request.c_str(), c.timeout_ms, c.flag, c.id))
-        << "request of " << c.request.size() << " bytes";
+  } rows[] = {{"hi \"there\"", 3000, -1, 7}, {"", -1, 0, 256}, {every_byte, INT_MAX, INT_MIN, 1}};
+  for (const auto &row : rows) {
+    vemo::JsonPtr message(cJSON_CreateObject()), params(cJSON_CreateObject());
+    cJSON_AddStringToObject(params.get(), "request", row.request.c_str());
+    cJSON_AddNumberToObject(params.get(), "timeout_ms", row.timeout_ms);
+    cJSON_AddNumberToObject(params.get(), "flag", row.flag);
+    cJSON_AddStringToObject(message.get(), "inner_method", "device_request");
+    cJSON_AddItemToObject(message.get(), "inner_params", params.release());
+    cJSON_AddNumberToObject(message.get(), "inner_id", row.id);
+    vemo::HeapText printed(cJSON_PrintUnformatted(message.get()));
+    EXPECT_EQ(closed(vemo::device_request_text(row.request.c_str(), row.timeout_ms, row.flag), row.id),
+              printed.get()) << row.id;
   }
 }
 
 TEST(ClientMessages, ControlMessagesAndRepliesKeepTheirKeyOrder) {
-  const struct {
-    std::string got, want;
-  } cases[] = {
-      {closed(vemo::register_text(true), 9),
-       R"({"inner_method":"register_callback","inner_params":{"hello_cloud":1},"inner_id":9})"},
-      {closed(vemo::register_text(false), 9),
-       R"({"inner_method":"register_callback","inner_params":{"hello_cloud":0},"inner_id":9})"},
-      {closed(vemo::method_only_text("reconnect_cloud"), 8),
-       R"({"inner_method":"reconnect_cloud","inner_id":8})"},
-      {vemo::reply_text("ok", 31).c_str(),
-       R"({"inner_error_code":0,"inner_result":{"response":"ok"},"inner_id":31})"},
+  const std::string rows[][2] = {
+      {closed(vemo::register_text(true), 9), R"({"inner_method":"register_callback","inner_params":{"hello_cloud":1},"inner_id":9})"},
+      {closed(vemo::register_text(false), 9), R"({"inner_method":"register_callback","inner_params":{"hello_cloud":0},"inner_id":9})"},
+      {closed(vemo::method_only_text("reconnect_cloud"), 8), R"({"inner_method":"reconnect_cloud","inner_id":8})"},
+      {vemo::reply_text("ok", 31).c_str(), R"({"inner_error_code":0,"inner_result":{"response":"ok"},"inner_id":31})"},
       // A reply to a hello request (or to an id that is not positive) carries no id.
       {vemo::reply_text("o\"k", 0).c_str(), R"({"inner_error_code":0,"inner_result":{"response":"o\"k"}})"},
       {vemo::reply_text("ok", -1).c_str(), R"({"inner_error_code":0,"inner_result":{"response":"ok"}})"},
   };
-  for (const auto &c : cases) EXPECT_EQ(c.got, c.want);
+  for (const auto &row : rows) EXPECT_EQ(row[0], row[1]);
 }
 
-TEST(ClientMessages, KeysAreFoundWithoutRegardToCaseFirstMatchWins) {
-  JsonPtr root(cJSON_Parse("{\"INNER_METHOD\":\"a\",\"inner_method\":\"b\",\"Inner_Id\":12.9}"));
+// Keys match without regard to case, the first match wins; a text that is not a string is missing.
+TEST(ClientMessages, KeysMatchWithoutCaseAndOnlyStringsAreTexts) {
+  vemo::JsonPtr root(cJSON_Parse(R"({"INNER_METHOD":"a","inner_method":"b","Inner_Id":12.9,"request":5,"r2":null})"));
   ASSERT_TRUE(root);
   EXPECT_STREQ(vemo::json_text(root.get(), "inner_method"), "a");
+  for (const char *name : {"request", "r2", "inner_id", "absent"}) EXPECT_EQ(vemo::json_text(root.get(), name), nullptr);
   int id = 0;
   ASSERT_TRUE(vemo::json_int(root.get(), "inner_id", &id));
   EXPECT_EQ(id, 12);  // the fraction is dropped toward zero
+  EXPECT_FALSE(vemo::json_int(root.get(), "absent", &id));
+  EXPECT_EQ(id, 12);
 }
 
-TEST(ClientMessages, TextThatIsNotAStringCountsAsMissing) {
-  JsonPtr root(cJSON_Parse("{\"request\":5,\"response\":null,\"other\":{\"x\":1},\"ok\":\"t\"}"));
-  ASSERT_TRUE(root);
-  for (const char *name : {"request", "response", "other", "absent"}) {
-    EXPECT_EQ(vemo::json_text(root.get(), name), nullptr) << name;
+// Every message the daemon sends passes, whatever the length of its texts; shapes whose parsed
+// tree would cost many times their frame do not, nor nesting deeper than the cap.
+TEST(JsonBounds, DaemonMessagesPassCostlyShapesDoNot) {
+  const auto repeated = [](const std::string &item, size_t count) {
+    std::string out = item;
+    for (size_t i = 1; i < count; ++i) out.append(",").append(item);
+    return out;
+  };
+  const auto nested = [](int depth) {
+    return std::string(depth, '[') + "\"" + std::string(4000, 'x') + "\"" + std::string(depth, ']');
+  };
+  std::string escaped;  // \" over and over: no quote in it ends the string
+  while (escaped.size() < IPC_FRAME_MAX_PAYLOAD - 100) escaped.append("\\\"");
+  const struct {
+    std::string text;
+    bool within;
+  } rows[] = {
+      {R"({"inner_id":7,"inner_error_code":0,"inner_result":{"id":1205}})", true},
+      {R"({"inner_method":"cloud_request","inner_id":31,"inner_params":{"request":")" +
+           std::string(IPC_FRAME_MAX_PAYLOAD - 100, 'r') + "\"}}", true},
+      {R"({"inner_error_code":0,"inner_result":{"id":9,"response":")" + escaped + "\"}}", true},
+      {" { \"INNER_ID\" : 12.9 , \"inner_error_code\" : 0 } \n", true},
+      {"", true},
+      {nested(vemo::kJsonMaxDepth), true},
+      {"{\"r\":\"" + std::string(1000, '[') + "\\\"" + std::string(1000, '{') + "\"}", true},  // text, not structure
+      {"\"abc\\", true},  // a trailing escape or number is not read past the length (the sanitizers
+      {"12345678901234567890", true},  // would tell)
+      {nested(vemo::kJsonMaxDepth + 1), false},
+      {"{\"a\":" + nested(vemo::kJsonMaxDepth) + "}", false},
+      {"[" + repeated("0", IPC_FRAME_MAX_PAYLOAD / 2 - 1) + "]", false},
+      {"[" + repeated("0", 64) + "]", false},
+      {"{" + repeated("\"k\":[]", 1000) + "}", false},
+      {"[" + repeated("\"\"", 1000) + "]", false},
+      {"[" + repeated("true", 1000) + "]", false},
+      {"[" + repeated("{}", 1000) + "]", false},
+  };
+  for (const auto &row : rows) {
+    std::vector<char> exact(row.text.begin(), row.text.end());  // no terminator to stop at
+    EXPECT_EQ(vemo::json_within_bounds(exact.empty() ? "" : exact.data(), static_cast<uint32_t>(exact.size())), row.within)
+        << row.text.substr(0, 60);
   }
-  EXPECT_STREQ(vemo::json_text(root.get(), "ok"), "t");
-  int value = 1;
-  EXPECT_FALSE(vemo::json_int(root.get(), "absent", &value));
-  EXPECT_EQ(value, 1);
 }
 
 }  // namespace
