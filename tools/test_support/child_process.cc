@@ -39,7 +39,8 @@ ChildProcess::~ChildProcess() {
   close_fd(&err_fd_);
 }
 
-bool ChildProcess::start(const std::vector<std::string> &args, bool with_stdin) {
+bool ChildProcess::start(const std::vector<std::string> &args, bool with_stdin,
+                         const std::vector<std::string> &extra_env) {
   int in[2] = {-1, -1}, out[2], err[2];
   if ((with_stdin && pipe2(in, O_CLOEXEC) != 0) || pipe2(out, O_CLOEXEC) != 0 ||
       pipe2(err, O_CLOEXEC) != 0) {
@@ -49,6 +50,11 @@ bool ChildProcess::start(const std::vector<std::string> &args, bool with_stdin) 
   std::vector<char *> argv;
   for (std::string &a : copy) argv.push_back(&a[0]);
   argv.push_back(nullptr);
+  std::vector<std::string> env_copy = extra_env;
+  std::vector<char *> env;
+  for (char **e = environ; *e != nullptr; ++e) env.push_back(*e);
+  for (std::string &e : env_copy) env.push_back(&e[0]);
+  env.push_back(nullptr);
   posix_spawn_file_actions_t actions;
   posix_spawn_file_actions_init(&actions);
   if (with_stdin) {
@@ -58,7 +64,7 @@ bool ChildProcess::start(const std::vector<std::string> &args, bool with_stdin) 
   }
   posix_spawn_file_actions_adddup2(&actions, out[1], STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, err[1], STDERR_FILENO);
-  const int rc = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), environ);
+  const int rc = posix_spawn(&pid_, argv[0], &actions, nullptr, argv.data(), env.data());
   posix_spawn_file_actions_destroy(&actions);
   close_fd(&in[0]);
   close(out[1]);
@@ -137,6 +143,16 @@ std::optional<int> ChildProcess::wait_exit(int timeout_ms) {
     reaped_ = true;
   }
   return WIFEXITED(status_) ? WEXITSTATUS(status_) : -WTERMSIG(status_);
+}
+
+ProgramRun run_program(const std::vector<std::string> &argv, int timeout_ms) {
+  ProgramRun run;
+  ChildProcess child;
+  if (!child.start(argv)) return run;
+  run.status = child.wait_exit(timeout_ms).value_or(-1000);
+  run.out = child.out();
+  run.err = child.err();
+  return run;
 }
 
 }  // namespace tools_test
