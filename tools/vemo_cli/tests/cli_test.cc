@@ -48,9 +48,13 @@ bool has(const std::string &text, const std::string &part) { return text.find(pa
 // The in-process daemon, with no response delay, which keeps the tests quick.
 class DaemonTest : public ::testing::Test {
  public:  // for the rows' lambdas
-  void SetUp() override {
+  void SetUp() override { ASSERT_EQ(0, daemon_.start()) << daemon_.last_error(); }
+  // Back to the defaults of the tests, before each row.
+  void Reset() {
+    daemon_.set_behaviour(vemo::cloudd::Behaviour());
     daemon_.set_response_delay_ms(0);
-    ASSERT_EQ(0, daemon_.start()) << daemon_.last_error();
+    daemon_.set_next_request_id(1000);
+    daemon_.set_handler(nullptr);
   }
   CloudDaemon daemon_{test_socket_path()};
 };
@@ -101,15 +105,12 @@ TEST_F(Cli, ArgumentsOutputsAndExitStatuses) {
       {{"request"}, none, 2, "", "vemo-cli: request: the request text is missing\nusage: vemo-cli request...Try 'vemo-cli request --help'..."},
       {{"request", "a", "b"}, none, 2, "", "vemo-cli: request: one request text expected, got 2 (quote a text with spaces)\n..."},
       {{"request", "--wait", "5", "x"}, none, 2, "", "vemo-cli: request: --wait needs --async\n..."},
-      {{"request", "--count", "1", "x"}, none, 2, "", "vemo-cli: request: unknown option '--count'\n..."},
       {{"request", "--timeout", "0", "x"}, none, 2, "", "vemo-cli: request: invalid value '0' for --timeout" + kRange},
       {{"request", "--timeout", "2147483648", "x"}, none, 2, "", "vemo-cli: request: invalid value '2147483648' for --timeout" + kRange},
-      {{"listen", "--count", "0"}, none, 2, "", "vemo-cli: listen: invalid value '0' for --count" + kRange},
       {{"listen", "--for", "2147484"}, none, 2, "", "vemo-cli: listen: invalid value '2147484' for --for (expected an integer from 1 to 2147483)\n..."},
       {{"listen", "--exec", "b", "--answer", "a"}, none, 2, "", "vemo-cli: listen: --answer and --exec exclude each other\n..."},
       {{"listen", "--answer"}, none, 2, "", "vemo-cli: listen: option --answer needs a value\n..."},
       {{"reconnect", "now"}, none, 2, "", "vemo-cli: reconnect: unexpected argument 'now'\n..."},
-      {{"reconnect", "--json=yes"}, none, 2, "", "vemo-cli: reconnect: option --json takes no value\n..."},
       {{"--socket=", "reconnect"}, none, 2, "", "vemo-cli: invalid value '' for --socket (expected a path of 1 to 107 bytes)\n..."},
       {{"--socket", std::string(108, 's'), "reconnect"}, none, 2, "", "vemo-cli: invalid value 'sss...' for --socket (expected a path of 1 to 107 bytes)\n..."},
       // --help and --version: standard output, status 0, the command's own requirements waived.
@@ -123,9 +124,8 @@ TEST_F(Cli, ArgumentsOutputsAndExitStatuses) {
       {{"--socket", kAbsent, "listen", "--answer", "x"}, none, 3, "", "vemo-cli: listen: registering: " + kNoDaemon},
       // Requests: the response as it is, or the code of the failure.
       {{"request", "hello device"}, none, 0, "hello device\n", ""},
-      {{"request", "--timeout", "1500", "--flag=-42", "x"}, params, 0, "1500 -42\n", ""},
+      {{"request", "--timeout", "1500", "--flag=-42", "--", "-x"}, params, 0, "1500 -42\n", ""},
       {{"request", "x"}, params, 0, "5000 0\n", ""},
-      {{"request", "--", "--not-an-option"}, none, 0, "--not-an-option\n", ""},
       {{"request", "x"}, [](CloudDaemon &d) { d.set_response_fixed("line one\nline two\ttab \\ end"); }, 0, "line one\nline two\ttab \\ end\n", ""},
       {{"request", "--async", "ping"}, [](CloudDaemon &d) { d.set_next_request_id(1205); }, 0, "1205\nping\n", ""},
       {{"request", "--async", "--wait", "200", "ping"}, drop, 5, "1000\n", "vemo-cli: request: no response for request 1000 within 200 ms\n"},
@@ -157,10 +157,7 @@ TEST_F(Cli, ArgumentsOutputsAndExitStatuses) {
   };
   for (const Row &row : rows) {
     SCOPED_TRACE(::testing::PrintToString(row.args));
-    daemon_.set_behaviour(vemo::cloudd::Behaviour());
-    daemon_.set_response_delay_ms(0);
-    daemon_.set_next_request_id(1000);
-    daemon_.set_handler(nullptr);
+    Reset();
     row.setup(daemon_);
     tools_test::ProgramRun run = tools_test::run_program(cli_argv(row.args), kWaitMs);
     EXPECT_EQ(row.status, run.status);
@@ -190,17 +187,6 @@ class Listen : public DaemonTest {
     auto reply = daemon_.wait_for_reply(id, wait_ms);
     return reply ? reply->response : "-";
   }
-  // The exit status once the tool has ended and the daemon has read all it sent.
-  int Finish() {
-    const int status = cli_->wait_exit(kWaitMs).value_or(-1000);
-    EXPECT_TRUE(daemon_.wait_for_open_connections(0, kWaitMs));
-    return status;
-  }
-  bool Unregistered() {
-    for (const Received &r : daemon_.received())
-      if (r.conn == conn_ && r.method == "unregister_callback") return true;
-    return false;
-  }
   void RunRows(const std::vector<ListenRow> &rows);
   std::unique_ptr<ChildProcess> cli_;
   int hello_cloud_ = -1;
@@ -222,16 +208,15 @@ struct ListenRow {
 void Listen::RunRows(const std::vector<ListenRow> &rows) {
   for (const ListenRow &row : rows) {
     SCOPED_TRACE(row.name);
-    daemon_.set_behaviour(vemo::cloudd::Behaviour());
-    daemon_.set_response_delay_ms(0);
-    daemon_.set_handler(nullptr);
+    Reset();
     row.setup(daemon_);
     Start(row.args);
     row.drive(*this);
-    EXPECT_EQ(row.status, Finish()) << cli_->err();
+    EXPECT_EQ(row.status, cli_->wait_exit(kWaitMs).value_or(-1000)) << cli_->err();
+    EXPECT_TRUE(daemon_.wait_for_open_connections(0, kWaitMs));  // it has read all the tool sent
     EXPECT_TRUE(matches(cli_->out(), row.out)) << cli_->out();
     EXPECT_TRUE(matches(cli_->err(), row.err)) << cli_->err();
-    EXPECT_EQ(row.unregistered, Unregistered());
+    EXPECT_EQ(row.unregistered, daemon_.wait_for_message([&](const Received &r) { return r.conn == conn_ && r.method == "unregister_callback"; }, 0).has_value());
   }
 }
 
@@ -317,10 +302,6 @@ class ListenWithTheDaemonProgram : public ::testing::Test {
     ASSERT_TRUE(cli_.start({VEMO_CLI_PATH, "--socket", path_, "listen", "--answer", "pong"}));
     ASSERT_TRUE(DaemonSays("\"register_callback\""));
   }
-  void TearDown() override {
-    daemon_.reset();
-    unlink(path_.c_str());
-  }
   const std::string path_ = "/tmp/vemo_cli_test_real_" + std::to_string(getpid()) + ".sock";
   std::unique_ptr<ChildProcess> daemon_;
   ChildProcess cli_;
@@ -338,6 +319,8 @@ TEST_F(ListenWithTheDaemonProgram, KeepsListeningAcrossADaemonRestart) {
   EXPECT_EQ(0, cli_.wait_exit(kWaitMs).value_or(-1000));
   EXPECT_EQ("request: ping\n", cli_.out());
   EXPECT_EQ("", cli_.err());
+  ASSERT_TRUE(daemon_->write_line("quit"));  // which removes its socket
+  EXPECT_EQ(0, daemon_->wait_exit(kWaitMs));
 }
 
 TEST_F(ListenWithTheDaemonProgram, EndsWithStatusFourOnAnOrderedTeardown) {

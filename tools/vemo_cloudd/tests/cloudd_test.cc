@@ -176,11 +176,8 @@ TEST_F(Cloudd, ConsoleCommandsSendPrintAndRefuse) {
       {"notify one", "", "", "notify expects a type number, got 'one'"},
       {"bytes abc", "", "", "bytes expects pairs of hex digits, got 'abc'"},
       {"quit now", "", "", "quit takes no argument"},
-      {"@0 notify 1", "", "", "expected @N (a connection number) and a command"},
       {"@2   ", "", "", "expected a command after @2"},
       {"respond x hi", "", "", "respond expects a request id and a text, got 'x hi'"},
-      {"fail 1000 0", "", "", "fail expects a request id and a non-zero code, got '1000 0'"},
-      {"set delay", "", "", "set delay expects milliseconds (0 or more), got ''"},
       {"set drop-ack maybe", "", "", "set drop-ack expects on or off, got 'maybe'"},
       {"set socket /tmp/x", "", "", "set socket: no such behaviour option"},
   };
@@ -231,7 +228,6 @@ TEST_F(Cloudd, SocketFileOwnership) {
   const std::string not_socket = "vemo_cloudd: refusing to replace " + path_ + ": it exists and is not a socket\n";
   const Row rows[] = {
       {{"--help"}, "", false, 0, "Usage: vemo_cloudd [OPTION]...", ""},
-      {{"--version"}, "", false, 0, "vemo_cloudd 1.", ""},
       {{"--delay", "soon"}, "", false, 2, "", "vemo_cloudd: option --delay expects milliseconds (0 or more), got 'soon'\nTry 'vemo_cloudd --help' for more information.\n"},
       {{"--ack-code", "cloud_request=1"}, "", false, 2, "", "vemo_cloudd: option --ack-code: unknown method 'cloud_request' (device_request, register_callback, unregister_callback, reconnect_cloud)\n"},
       {{}, "file", false, 1, "", not_socket},
@@ -256,11 +252,8 @@ TEST_F(Cloudd, SocketFileOwnership) {
     EXPECT_TRUE(row.err.empty() ? daemon.err().empty() : has(daemon.err(), row.err)) << daemon.err();
     EXPECT_EQ(what != "", Exists(path_));
     EXPECT_EQ(row.fifo_at_control, Exists(ctl_));
-    if (what == "file") {
-      std::string content;
-      std::ifstream(path_) >> content;
-      EXPECT_EQ("precious", content);
-    }
+    std::string content;
+    EXPECT_TRUE(what != "file" || (std::ifstream(path_) >> content && content == "precious"));
   }
 }
 
