@@ -7,8 +7,6 @@
 #include <initializer_list>
 #include <utility>
 
-#include "dispatch_peer.h"
-
 namespace dispatch_fuzz {
 namespace {
 
@@ -19,12 +17,13 @@ constexpr int kMaxDepth = 4;
 constexpr int kFirstRequestId = 1000;
 constexpr int kRequestIds = 8;
 
+// The input as it is consumed; past its end every byte reads as 0.
 class Reader {
  public:
   Reader(const uint8_t *data, size_t size) : data_(data), size_(size) {}
   bool empty() const { return at_ >= size_; }
   uint8_t byte() { return at_ < size_ ? data_[at_++] : 0; }
-  uint32_t u32() {
+  uint32_t u32() {  // big-endian, the bytes read in order
     uint32_t v = 0;
     for (int i = 0; i < 4; ++i) v = v << 8 | byte();
     return v;
@@ -45,16 +44,9 @@ class Reader {
 std::string quoted(const std::string &raw) {
   std::string out = "\"";
   for (unsigned char c : raw) {
-    if (c == '"' || c == '\\') {
-      out += '\\';
-      out += static_cast<char>(c);
-    } else if (c < 0x20) {
-      char escape[8];
-      snprintf(escape, sizeof escape, "\\u%04x", c);
-      out += escape;
-    } else {
-      out += static_cast<char>(c);
-    }
+    char escape[8];
+    snprintf(escape, sizeof escape, c == '"' || c == '\\' ? "\\%c" : c < 0x20 ? "\\u%04x" : "%c", c);
+    out += escape;
   }
   return out + "\"";
 }
@@ -67,20 +59,15 @@ std::string number(Reader &r) {
                                        "12.9", "-0.5", "1E2", "4294967297", "1e-300"};
   constexpr uint8_t kEntries = sizeof kTable / sizeof kTable[0];
   uint8_t pick = r.byte() % (kEntries + 1);
-  if (pick < kEntries) return kTable[pick];
-  return std::to_string(static_cast<int32_t>(r.u32()));
+  return pick < kEntries ? kTable[pick] : std::to_string(static_cast<int32_t>(r.u32()));
 }
 
 std::string text(Reader &r) {
   switch (r.byte() % 8) {
-    case 0:
-      return "\"\"";
-    case 6:
-      return "\"" + std::string(static_cast<size_t>(r.byte() + 1) * 64, 'x') + "\"";
-    case 7:  // escapes that cJSON decodes: a zero, a lone surrogate, a pair
-      return "\"a\\u0000b\\ud800\\ud83d\\ude00\\n\"";
-    default:
-      return quoted(r.take(r.byte()));
+    case 0: return "\"\"";
+    case 6: return "\"" + std::string(static_cast<size_t>(r.byte() + 1) * 64, 'x') + "\"";
+    case 7: return "\"a\\u0000b\\ud800\\ud83d\\ude00\\n\"";  // a zero, a lone surrogate, a pair
+    default: return quoted(r.take(r.byte()));
   }
 }
 
@@ -95,31 +82,23 @@ std::string value(Reader &r, int depth) {
   uint8_t pick = r.byte() % 10;
   if (depth >= kMaxDepth && pick >= 5) pick = 3;
   switch (pick) {
-    case 0:
-      return "null";
-    case 1:
-      return "true";
-    case 2:
-      return "false";
-    case 3:
-      return number(r);
-    case 4:
-      return text(r);
+    case 0: return "null";
+    case 1: return "true";
+    case 2: return "false";
+    case 3: return number(r);
+    case 4: return text(r);
     case 5:
     case 6: {
-      bool array = pick == 5;
-      std::string out = array ? "[" : "{";
+      std::string out = pick == 5 ? "[" : "{";
       for (int n = r.byte() % 5, i = 0; i < n; ++i) {
         if (i > 0) out += ",";
-        if (!array) out += key_like(r) + ":";
+        if (pick == 6) out += key_like(r) + ":";
         out += value(r, depth + 1);
       }
-      return out + (array ? "]" : "}");
+      return out + (pick == 5 ? "]" : "}");
     }
-    case 7:
-      return "{}";
-    case 8:
-      return "[]";
+    case 7: return "{}";
+    case 8: return "[]";
     default: {  // nesting around cJSON's depth limit of 1000
       size_t levels = static_cast<size_t>(r.byte()) * 8;
       return std::string(levels, '[') + std::string(levels, ']');
@@ -142,43 +121,23 @@ using Members = std::initializer_list<std::pair<const char *, std::string>>;
 std::string object(Reader &r, Members members) {
   std::string out = "{";
   auto add = [&out](const std::string &quoted_key, const std::string &v) {
-    if (out.size() > 1) out += ",";
-    out += quoted_key + ":" + v;
+    out += (out.size() > 1 ? "," : "") + quoted_key + ":" + v;
   };
   for (const auto &m : members) {
     const std::string key = quoted(m.first);
     switch (r.byte() % 16) {
-      case 9:
-        break;
-      case 10:
-        add(key, value(r, 1));
-        break;
-      case 11:
-        add(quoted(case_varied(m.first, r.byte())), m.second);
-        break;
-      case 12:
-        add(key, m.second);
-        add(key, value(r, 1));
-        break;
-      case 13:
-        add(key, value(r, 1));
-        add(key, m.second);
-        break;
-      case 14:
-        add(key, number(r));
-        break;
-      case 15:
-        add(key_like(r), value(r, 1));
-        add(key, m.second);
-        break;
-      default:
-        add(key, m.second);
+      case 9: break;
+      case 10: add(key, value(r, 1)); break;
+      case 11: add(quoted(case_varied(m.first, r.byte())), m.second); break;
+      case 12: add(key, m.second), add(key, value(r, 1)); break;
+      case 13: add(key, value(r, 1)), add(key, m.second); break;
+      case 14: add(key, number(r)); break;
+      case 15: add(key_like(r), value(r, 1)), add(key, m.second); break;
+      default: add(key, m.second);
     }
   }
   return out + "}";
 }
-
-std::string method_text(const char *name) { return quoted(name); }
 
 int pick_from(Reader &r, const std::vector<int> &ids, bool *found) {
   uint8_t index = r.byte();
@@ -220,44 +179,42 @@ std::string unknown_method(Reader &r) {
 // One operation's payload.
 std::string payload(Reader &r, int kind, const Known &known) {
   bool found = false;
+  std::string params;
   switch (kind) {
     case 0: {
       int id = pick_from(r, known.held, &found);
       return ack(r, found ? std::to_string(id) : std::to_string(1 + r.byte()));
     }
-    case 1:
-      return ack(r, r.byte() % 2 ? std::to_string(1 + r.byte()) : number(r));
+    case 1: return ack(r, r.byte() % 2 ? std::to_string(1 + r.byte()) : number(r));
     case 2: {
       int id = pick_from(r, known.pending, &found);
       return notification(r, found ? std::to_string(id) : number(r));
     }
-    case 3:
-      return notification(r, request_id(r));
-    case 4: {
-      std::string params = object(r, {{"request", text(r)}});
-      return object(r, {{"inner_method", method_text("cloud_request")}, {"inner_id", number(r)},
-                        {"inner_params", params}});
-    }
-    case 5:
-      return object(r, {{"inner_method", method_text("request_of_hello_cloud")}, {"inner_id", number(r)}});
-    case 6: {
-      std::string params = object(r, {{"response", text(r)}});
-      return object(r, {{"inner_method", method_text("response_of_hello_cloud")}, {"inner_params", params}});
-    }
-    case 7: {
-      std::string params = object(r, {{"type", r.byte() % 2 ? number(r) : "0"}});
-      return object(r, {{"inner_method", method_text("server_notify")}, {"inner_params", params}});
-    }
-    case 8:
-      return r.take(static_cast<size_t>(r.byte()) << (r.byte() % 5));
-    case 9:
-      return value(r, 0);
-    default:
-      return unknown_method(r);
+    case 3: return notification(r, request_id(r));
+    case 4:
+      params = object(r, {{"request", text(r)}});
+      return object(r, {{"inner_method", quoted("cloud_request")}, {"inner_id", number(r)}, {"inner_params", params}});
+    case 5: return object(r, {{"inner_method", quoted("request_of_hello_cloud")}, {"inner_id", number(r)}});
+    case 6:
+      params = object(r, {{"response", text(r)}});
+      return object(r, {{"inner_method", quoted("response_of_hello_cloud")}, {"inner_params", params}});
+    case 7:
+      params = object(r, {{"type", r.byte() % 2 ? number(r) : "0"}});
+      return object(r, {{"inner_method", quoted("server_notify")}, {"inner_params", params}});
+    case 8: return r.take(static_cast<size_t>(r.byte()) << (r.byte() % 5));
+    case 9: return value(r, 0);
+    default: return unknown_method(r);
   }
 }
 
 }  // namespace
+
+void append_frame(std::string *out, const std::string &payload) {
+  const size_t n = payload.size();
+  const char header[6] = {'\xA1', '\xB2', static_cast<char>(n >> 24), static_cast<char>(n >> 16),
+                          static_cast<char>(n >> 8), static_cast<char>(n)};
+  out->append(header, sizeof header).append(payload);
+}
 
 Script build_script(const uint8_t *data, size_t size, const Known &known) {
   Reader r(data, size);

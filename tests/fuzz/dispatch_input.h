@@ -1,28 +1,18 @@
-// How the dispatch fuzz target turns its input into what the daemon writes.
-//
-// The input is a sequence of operations. The first byte of each picks its kind (below, by the
-// byte modulo kOpKinds); the bytes after it fill in the message:
-//
+// How the dispatch fuzz target turns its input into what the daemon writes: a sequence of
+// operations, the first byte of each picking its kind (modulo kOpKinds), the next ones filling in
+// the message:
 //   0  acknowledgement of an id the client holds (a hold request waiting for it)
 //   1  acknowledgement of any id (mostly free ones: 1 to 256, or any number)
-//   2  response notification for a request id the client has in its response list
-//   3  response notification for any request id (often one that the acknowledgements give)
-//   4  cloud_request             5  request_of_hello_cloud     6  response_of_hello_cloud
-//   7  server_notify (of any type; 1 tears the client down)
-//   8  a raw payload: bytes as they are, JSON or not, zero bytes included
-//   9  a JSON value of any shape (arrays, scalars, deep nesting, objects of envelope keys)
-//  10  a request with an unknown or wrongly typed method
-//
+//   2, 3  response notification for a request id in the response list; for any request id
+//   4  cloud_request   5  request_of_hello_cloud   6  response_of_hello_cloud
+//   7  server_notify (of any type; 1 tears the client down)   8  raw bytes, zero bytes included
+//   9  a JSON value of any shape   10  a request with an unknown or wrongly typed method
 // Every member of a structured message reads one more byte that keeps it (most values), drops
 // it, gives it a value of another type, varies the letter case of its key, writes the key twice
 // (the good value first or second), writes a number of any size instead, or puts an unknown key
-// before it. Texts can be empty, long, or carry escapes. A byte that the input lacks reads as 0,
-// which always means the plain, well-formed choice. Every frame is well formed (the framing
-// itself is fuzzed by ipc_recv_fuzz.cc), so the stream stays in step.
-//
-// The greeting is left out: each would cost a teardown and a new connection, several times a
-// plain run, and once the fuzzer found greetings they made up half of its runs; the end-to-end
-// tests cover what a greeting may be.
+// before it. A byte that the input lacks reads as 0, the plain, well-formed choice. Every frame is
+// well formed (ipc_recv_fuzz.cc fuzzes the framing), so the stream stays in step. No greetings:
+// each would cost a new connection (the end-to-end tests cover them).
 #ifndef VEMO_TESTS_FUZZ_DISPATCH_INPUT_H
 #define VEMO_TESTS_FUZZ_DISPATCH_INPUT_H
 
@@ -35,6 +25,19 @@
 namespace dispatch_fuzz {
 
 constexpr int kOpKinds = 11;
+
+// Request texts the harness sends and the peer answers in its own way: "hold:<n>" from holder n
+// gets no acknowledgement (the input gives it); "refuse:..." is refused, leaving nothing
+// pending; "sync" releases the armed frames right before its acknowledgement (with the armed
+// code), which thus reaches the caller only once the client has read them.
+constexpr int kHolders = 2;
+constexpr const char *kHoldPrefix = "hold:";
+constexpr const char *kRefusePrefix = "refuse:";
+constexpr const char *kSyncRequest = "sync";
+constexpr int kSyncAckBase = -100000000;
+
+// One frame (magic, big-endian length, payload) appended to out.
+void append_frame(std::string *out, const std::string &payload);
 
 // What the client holds now, for the operations that aim at it.
 struct Known {

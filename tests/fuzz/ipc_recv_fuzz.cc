@@ -20,55 +20,42 @@ namespace {
 
 namespace frame = vemo::frame;
 
-// The receive results the reference expects for input[pos...]; advances pos as the transport
-// consumes the stream.
+// What a receive should give: a code, and on success the payload.
 struct Expected {
   int code;
-  const uint8_t *text;  // on success
-  uint32_t length;      // on success
+  const uint8_t *text = nullptr;
+  uint32_t length = 0;
 };
 
+// The plain reading of input[pos...]: the result of the next receive; advances pos as the
+// transport consumes the stream (a short piece takes the rest, an oversize header ends it).
 struct Reference {
   const uint8_t *data;
-  size_t size;
-  size_t pos = 0;
-  bool dead = false;  // an oversize header ended the stream
-
-  size_t left() const { return size - pos; }
+  size_t size, pos = 0;
+  bool dead = false;
 
   Expected next() {
-    if (dead || left() == 0) return {VEMO_ERR_PEER_CLOSED, nullptr, 0};
-    if (left() < frame::kMagicSize) return consume_rest(VEMO_ERR_SHORT_READ);
-    bool magic_ok = frame::magic_matches(data + pos);
+    const size_t left = size - pos;
+    if (dead || left == 0) return {VEMO_ERR_PEER_CLOSED};
+    if (left < frame::kMagicSize) return rest(VEMO_ERR_SHORT_READ);
     pos += frame::kMagicSize;
-    if (!magic_ok) return {VEMO_ERR_BAD_FORMAT, nullptr, 0};
-    if (left() == 0) return {VEMO_ERR_PEER_CLOSED, nullptr, 0};
-    if (left() < frame::kLengthSize) return consume_rest(VEMO_ERR_SHORT_READ);
-    uint32_t length = frame::decode_length(data + pos);
+    if (!frame::magic_matches(data + pos - frame::kMagicSize)) return {VEMO_ERR_BAD_FORMAT};
+    if (size == pos) return {VEMO_ERR_PEER_CLOSED};
+    if (size - pos < frame::kLengthSize) return rest(VEMO_ERR_SHORT_READ);
+    const uint32_t length = frame::decode_length(data + pos);
     pos += frame::kLengthSize;
-    if (!frame::payload_length_ok(length)) {
-      dead = true;
-      return {VEMO_ERR_BAD_FORMAT, nullptr, 0};
-    }
+    if (!frame::payload_length_ok(length)) return dead = true, Expected{VEMO_ERR_BAD_FORMAT};
     if (length == 0) return {0, data + pos, 0};
-    if (left() == 0) return {VEMO_ERR_PEER_CLOSED, nullptr, 0};
-    if (left() < length) return consume_rest(VEMO_ERR_SHORT_READ);
-    Expected ok = {0, data + pos, length};
+    if (size == pos) return {VEMO_ERR_PEER_CLOSED};
+    if (size - pos < length) return rest(VEMO_ERR_SHORT_READ);
     pos += length;
-    return ok;
+    return {0, data + pos - length, length};
   }
-
-  Expected consume_rest(int code) {
-    pos = size;
-    return {code, nullptr, 0};
-  }
+  Expected rest(int code) { return pos = size, Expected{code}; }
 };
 
 void check(bool ok, const char *what) {
-  if (!ok) {
-    fprintf(stderr, "ipc receive fuzz: %s\n", what);
-    abort();
-  }
+  if (!ok) fprintf(stderr, "ipc receive fuzz: %s\n", what), abort();
 }
 
 // A socket whose peer wrote what fits of data and closed; *written: how much that was.
@@ -83,68 +70,47 @@ int stream_of(const uint8_t *data, size_t size, size_t *written) {
   return fds[0];
 }
 
-// The reader agrees with the reference up to the first failure, and then keeps that failure.
-void check_reader(const uint8_t *data, size_t size) {
+// Receives through ipc_socket_recv (reader false) or a FrameReader until the end of the stream,
+// each result checked against the reference. The reader keeps its first failure; the transport
+// is read on to the end of the stream. Every receive takes at least one byte or reports the
+// end: the bound catches a loop that does neither.
+void check_receives(const uint8_t *data, size_t size, bool reader) {
   size_t written = 0;
-  int fd = stream_of(data, size, &written);
+  const int fd = stream_of(data, size, &written);
   Reference reference{data, written};
-  {
-    vemo::FrameReader reader(fd);
-    for (size_t round = 0; round <= written + 1; ++round) {
-      Expected expected = reference.next();
-      const char *text = nullptr;
-      uint32_t length = 0;
-      int rc = reader.next(0, &text, &length);
-      check(rc == expected.code, "reader: result code differs from the reference");
-      if (rc != 0) {
-        check(reader.next(0, &text, &length) == rc, "reader: a failure did not stay");
-        break;
-      }
-      check(length == expected.length, "reader: length differs from the payload's");
-      check(memcmp(text, expected.text, length) == 0, "reader: text differs from the payload");
-      check(text[length] == '\0', "reader: text not terminated");
+  vemo::FrameReader frames(fd);
+  for (size_t round = 0; round <= written + 1; ++round) {
+    const Expected expected = reference.next();
+    char sentinel, *out = &sentinel;
+    const char *text = nullptr;
+    uint32_t length = 0;
+    const int rc = reader ? frames.next(0, &text, &length) : ipc_socket_recv(fd, &out);
+    check(rc == expected.code, "result code differs from the reference");
+    if (rc == 0) {
+      if (!reader) text = out, length = expected.length;
+      check(text != nullptr && text != &sentinel, "no text on success");
+      check(length == expected.length && memcmp(text, expected.text, length) == 0, "text differs from the payload");
+      check(text[length] == '\0', "text not terminated");
+      if (!reader) free(out);
+      continue;
+    }
+    check(out == &sentinel || out == nullptr, "output written on failure");
+    if (reader) check(frames.next(0, &text, &length) == rc, "reader: a failure did not stay");
+    if (reader || rc == VEMO_ERR_PEER_CLOSED) {
+      close(fd);
+      return;
     }
   }
-  close(fd);
+  check(false, "the receive loop did not reach the end of the stream");
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
   // The transport logs every text; the fuzzer's own output is what matters.
-  static FILE *sink = [] {
-    FILE *f = fopen("/dev/null", "w");
-    vemo::log_set_stream(f);
-    return f;
-  }();
-  (void)sink;
-
-  check_reader(data, size);
-  size_t written = 0;
-  const int fd = stream_of(data, size, &written);
-  char sentinel;
-  Reference reference{data, written};
-  // Every receive takes at least one byte or reports the end; the bound catches a loop that
-  // does neither.
-  for (size_t round = 0; round <= written + 1; ++round) {
-    Expected expected = reference.next();
-    char *out = &sentinel;
-    int rc = ipc_socket_recv(fd, &out);
-    check(rc == expected.code, "result code differs from the reference");
-    if (rc == 0) {
-      check(out != nullptr && out != &sentinel, "no text on success");
-      check(memcmp(out, expected.text, expected.length) == 0, "text differs from the payload");
-      check(out[expected.length] == '\0', "text not terminated");
-      free(out);
-      continue;
-    }
-    check(out == &sentinel || out == nullptr, "output written on failure");
-    // The reference expects the end of the stream only once nothing more can be read.
-    if (rc == VEMO_ERR_PEER_CLOSED) {
-      close(fd);
-      return 0;
-    }
-  }
-  check(false, "the receive loop did not reach the end of the stream");
+  static const bool quiet = (vemo::log_set_stream(fopen("/dev/null", "w")), true);
+  (void)quiet;
+  check_receives(data, size, true);
+  check_receives(data, size, false);
   return 0;
 }

@@ -1,5 +1,5 @@
-// A built program run as a child process, its standard output and error read through pipes, for
-// the tools' tests.
+// A built program run as a child process, its standard output and error read through pipes: the
+// one runner of every test suite that starts a program.
 #ifndef VEMO_TOOLS_TEST_SUPPORT_CHILD_PROCESS_H
 #define VEMO_TOOLS_TEST_SUPPORT_CHILD_PROCESS_H
 
@@ -19,9 +19,11 @@ class ChildProcess {
   ChildProcess(const ChildProcess &) = delete;
   ChildProcess &operator=(const ChildProcess &) = delete;
 
-  // Starts argv[0] with argv. Standard input is a pipe to write_text() when with_stdin, else
-  // /dev/null. posix_spawn, not fork: the test process runs threads of its own.
-  bool start(const std::vector<std::string> &argv, bool with_stdin = false);
+  // Starts argv[0] with argv, in this process's environment plus extra_env ("NAME=value").
+  // Standard input is a pipe to write_text() when with_stdin, else /dev/null. posix_spawn, not
+  // fork: the test process runs threads of its own, whose locks a forked child would inherit.
+  bool start(const std::vector<std::string> &argv, bool with_stdin = false,
+             const std::vector<std::string> &extra_env = {});
   pid_t pid() const { return pid_; }
 
   bool write_text(const std::string &text);  // to the child's standard input, as it is
@@ -49,6 +51,14 @@ class ChildProcess {
   int status_ = 0;
   std::string out_, err_;
 };
+
+// A run to the end: the exit status (minus the signal that ended it; -1000 when it could not
+// start or ran on after timeout_ms) and both outputs.
+struct ProgramRun {
+  int status = -1000;
+  std::string out, err;
+};
+ProgramRun run_program(const std::vector<std::string> &argv, int timeout_ms);
 
 }  // namespace tools_test
 

@@ -17,7 +17,8 @@ const char kExitStatusHelp[] =
     "  1  the tool itself failed (a system call, writing its output)\n"
     "  2  usage error\n"
     "  3  the daemon is not running (-1100)\n"
-    "  4  disconnected: the connection failed or was closed (-1101, -1102)\n"
+    "  4  disconnected: the connection failed or was closed (-1101, -1102);\n"
+    "     listen: its registration was lost for good\n"
     "  5  timed out (-20002, -3000)\n"
     "  6  refused by the daemon (a code of the daemon's own)\n"
     "  7  any other failure of the library (its other negative codes)\n";

@@ -3,11 +3,14 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
 #include <atomic>
 #include <string>
 
 #include <vemo/vemo.h>
+#include <vemo/vemo_ext.h>
 
+#include "clock.h"
 #include "commands.h"
 #include "dispatch_tracker.h"
 #include "format.h"
@@ -34,6 +37,16 @@ struct ListenState {
 
 // How long the stop waits for the threads that deliver answers, beyond a command's time limit.
 constexpr int kDrainMs = 5000;
+
+// How long a lost registration may stay lost before listen gives up. The library reconnects in
+// the background, pausing twice as long after each failed attempt up to 5 s, and an attempt
+// waits up to 5 s for the daemon: a daemon back within 20 s is registered with again within
+// 30 s, which covers a restart by the init system or by hand. Longer, and a script would go on
+// believing that the device is answering the cloud while it is not.
+constexpr int kRestoreMs = 30000;
+
+// The code of the last loss, for the message; written by the event thread before it posts.
+std::atomic<int> g_lost_code{0};
 
 ListenState &state() {
   static ListenState *s = new ListenState;
@@ -114,6 +127,41 @@ void on_hello_response(const char *response) {
   }
 }
 
+// Connection events: on a library thread, one at a time and in order.
+void on_event(int event, int code, void *) {
+  switch (event) {
+    case VEMO_EVENT_LOST:
+      g_lost_code.store(code);
+      stop_events_post(StopReason::kLost);
+      break;
+    case VEMO_EVENT_REREGISTERED: stop_events_post(StopReason::kRestored); break;
+    case VEMO_EVENT_TORN_DOWN: stop_events_post(StopReason::kTornDown); break;
+    default: break;  // connected: a registration follows, or it does not and that is told
+  }
+}
+
+// Waits for what ends the listen, for at most timeout_ms (< 0: no limit). A loss is waited out
+// for kRestoreMs; one that the library recovers from in time is passed over.
+StopReason wait_for_stop(int timeout_ms) {
+  const long end = timeout_ms >= 0 ? monotonic_ms() + timeout_ms : -1;
+  long give_up = -1;  // while the registration is lost: when to stop waiting for it
+  for (;;) {
+    long until = end;
+    if (give_up >= 0 && (until < 0 || give_up < until)) until = give_up;
+    const long left = until < 0 ? -1 : std::max(0L, until - monotonic_ms());
+    const StopReason why = stop_events_wait(static_cast<int>(left));
+    if (why == StopReason::kLost) {
+      if (give_up < 0) give_up = monotonic_ms() + kRestoreMs;
+    } else if (why == StopReason::kRestored) {
+      give_up = -1;
+    } else if (why == StopReason::kDeadline && until != end) {
+      return StopReason::kLost;
+    } else {
+      return why;
+    }
+  }
+}
+
 }  // namespace
 
 int run_listen(const Options &o) {
@@ -132,13 +180,15 @@ int run_listen(const Options &o) {
     return kExitToolFailure;
   }
 
+  // Before the registration, so that no event of its connection is missed.
+  vemo_set_event_callback(on_event, nullptr);
   // The library keeps its own copy of the pair.
   const vemo_hello_cloud_cb_t hello = {on_hello_request, on_hello_response};
   int rc = vemo_register_callback(on_cloud_request, o.hello ? &hello : nullptr);
   if (rc != 0) return report_code("listen: registering", rc);
 
   // A signal that came during the registration is already in the pipe: it ends the wait at once.
-  const StopReason why = stop_events_wait(o.for_seconds > 0 ? o.for_seconds * 1000 : -1);
+  const StopReason why = wait_for_stop(o.for_seconds > 0 ? o.for_seconds * 1000 : -1);
   int status = kExitOk;
   if (why == StopReason::kOutputClosed) {
     report("listen: standard output cannot be written any more; stopping");
@@ -146,6 +196,16 @@ int run_listen(const Options &o) {
   } else if (why == StopReason::kError) {
     report("listen: waiting for the end failed; stopping");
     status = kExitToolFailure;
+  } else if (why == StopReason::kTornDown || why == StopReason::kLost) {
+    // The registration is gone: nothing to withdraw, and the daemon may not be there to ask.
+    const int code = g_lost_code.load();
+    report_failure(why == StopReason::kTornDown
+                       ? "listen: the daemon tore the client down; the registration is gone"
+                       : "listen: the connection was lost (" + describe_code(code, vemo_strerror(code)) +
+                             ") and the registration was not restored within " +
+                             std::to_string(kRestoreMs / 1000) + " s");
+    dispatch_tracker_wait_idle(kDrainMs + (s.mode == AnswerMode::kExec ? s.exec_timeout_ms : 0));
+    return kExitDisconnected;
   }
 
   // Answers still on their way go out before the daemon hears that we leave, and a request

@@ -19,7 +19,8 @@ int g_read_fd = -1;
 int g_write_fd = -1;
 
 void post_byte(char byte) {
-  // Non-blocking: a full pipe already holds an event, and one is enough.
+  // Non-blocking: a full pipe (64 KiB of unread events, which the main thread drains as they
+  // come) already holds a stop.
   while (write(g_write_fd, &byte, 1) < 0 && errno == EINTR) {
   }
 }
@@ -86,6 +87,9 @@ const char *stop_reason_name(StopReason reason) {
     case StopReason::kDeadline: return "time up";
     case StopReason::kOutputClosed: return "output closed";
     case StopReason::kError: return "error";
+    case StopReason::kLost: return "connection lost";
+    case StopReason::kRestored: return "registration restored";
+    case StopReason::kTornDown: return "torn down by the daemon";
   }
   return "unknown";
 }
