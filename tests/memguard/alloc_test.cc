@@ -1,290 +1,157 @@
-// Tracked allocation: block layout, fills, the chain, the limit, statistics, start and end,
-// and the failure lines of the allocation functions.
+// Tracked allocation, release and reallocation: block layout, the chain, the limit, the
+// failure lines, and how a free is classified (NULL, double, wild, retained).
 #include <stdint.h>
 #include <string.h>
+#include <unistd.h>
 
 #include "mw_test_support.h"
 
 using namespace mw_test;
-using vemo::mwData;
 
 namespace {
 
-class MwAlloc : public MwTest {};
-
-bool AllBytes(const void *p, size_t n, unsigned char value) {
-  const unsigned char *bytes = static_cast<const unsigned char *>(p);
-  for (size_t i = 0; i < n; ++i) {
-    if (bytes[i] != value) return false;
-  }
-  return true;
-}
-
-TEST_F(MwAlloc, FirstCallWritesStartUpLinesAndRegistersTheExitReport) {
-  void *p = mwMalloc(4, "a.c", 1);
-  ASSERT_NE(p, nullptr);
-  std::string sizes = "mwROUNDALLOC==8 sizeof(mwData)==" + std::to_string(sizeof(mwData)) +
-                      " mwDataSize==" + std::to_string(vemo::kDataSize);
-  ExpectLines(LogLines(), {"", "============= MEMGUARD 1.00 =============", "", "Started at {TIME}",
-                           "", "Modes: __STDC__ 64-bit mwDWORD==(unsigned long)", sizes, ""});
-  EXPECT_EQ(vemo::mwExitHookWanted, 1);
-  EXPECT_EQ(vemo::mwInitCount, 1);
-  EXPECT_EQ(vemo::mwDataSize, vemo::kDataSize);
-  EXPECT_EQ(vemo::kDataSize % 8, 0u);
-  EXPECT_GE(vemo::kDataSize, sizeof(mwData));
-  mwFree(p, "a.c", 2);
-}
-
-TEST_F(MwAlloc, NewBlockHasHeaderGuardsAndFill) {
-  void *p = mwMalloc(5, "a.c", 12);
-  ASSERT_NE(p, nullptr);
-  mwData *mw = HeaderOf(p);
-  EXPECT_EQ(vemo::mwHead, mw);
-  EXPECT_EQ(vemo::mwTail, mw);
-  EXPECT_EQ(mw->prev, nullptr);
-  EXPECT_EQ(mw->next, nullptr);
-  EXPECT_STREQ(mw->file, "a.c");
-  EXPECT_EQ(mw->count, 1);
-  EXPECT_EQ(mw->size, 5u);
-  EXPECT_EQ(mw->line, 12);
-  EXPECT_EQ(mw->flags, 0);
-  EXPECT_EQ(mw->check, 0x00FE0180UL ^ 1UL ^ 5UL ^ 12UL);
-  const char *user = static_cast<const char *>(p);
-  EXPECT_EQ(memcmp(user - 8, "mEmGuArD", 8), 0);
-  EXPECT_EQ(memcmp(user + 5, "mEmGuArD", 8), 0);
-  EXPECT_TRUE(AllBytes(p, 5, 0xFE));
-  EXPECT_EQ(vemo::mwLiveBytes, 5);
-  EXPECT_EQ(vemo::mwLiveBlocks, 1);
-  EXPECT_EQ(vemo::mwAllocCount, 1);
-  EXPECT_EQ(vemo::mwTotalBytes, 5);
-  EXPECT_EQ(vemo::mwPeakBytes, 5);
-  mwFree(p, "a.c", 13);
-  EXPECT_EQ(vemo::mwLiveBytes, 0);
-  EXPECT_EQ(vemo::mwPeakBytes, 5);
-  EXPECT_EQ(vemo::mwHead, nullptr);
-  EXPECT_EQ(vemo::mwTail, nullptr);
-}
-
-TEST_F(MwAlloc, ZeroSizeBlocksAreDistinctWithAdjacentGuards) {
-  char *a = static_cast<char *>(mwMalloc(0, "a.c", 1));
-  char *b = static_cast<char *>(mwMalloc(0, "a.c", 2));
-  ASSERT_NE(a, nullptr);
-  ASSERT_NE(b, nullptr);
-  EXPECT_NE(a, b);
-  EXPECT_EQ(memcmp(a - 8, "mEmGuArDmEmGuArD", 16), 0);
-  EXPECT_EQ(mwTestBuffer("a.c", 3, a), 0);
-  mwFree(a, "a.c", 4);
-  mwFree(b, "a.c", 5);
-  EXPECT_EQ(vemo::mwLiveBlocks, 0);
-  EXPECT_TRUE(NewLines().empty());
-}
-
-TEST_F(MwAlloc, NewBlocksGoInFrontAndFreesRelinkTheNeighbours) {
-  void *p1 = mwMalloc(1, "a.c", 1);
-  void *p2 = mwMalloc(2, "a.c", 2);
-  void *p3 = mwMalloc(3, "a.c", 3);
-  EXPECT_EQ(vemo::mwHead, HeaderOf(p3));
-  EXPECT_EQ(vemo::mwTail, HeaderOf(p1));
-  EXPECT_EQ(HeaderOf(p3)->next, HeaderOf(p2));
-  EXPECT_EQ(HeaderOf(p2)->prev, HeaderOf(p3));
-  EXPECT_EQ(HeaderOf(p2)->next, HeaderOf(p1));
-  EXPECT_EQ(HeaderOf(p1)->prev, HeaderOf(p2));
-
-  mwFree(p2, "a.c", 4);
-  EXPECT_EQ(HeaderOf(p3)->next, HeaderOf(p1));
-  EXPECT_EQ(HeaderOf(p1)->prev, HeaderOf(p3));
-  EXPECT_EQ(vemo::mwFreedRing[0].p, p2);
-  EXPECT_STREQ(vemo::mwFreedRing[0].file, "a.c");
-  EXPECT_EQ(vemo::mwFreedRing[0].line, 4);
-  EXPECT_EQ(vemo::mwFreedPos, 1);
-  EXPECT_EQ(vemo::mwEventCount, 4);
-  mwFree(p3, "a.c", 5);
-  EXPECT_EQ(vemo::mwHead, HeaderOf(p1));
-  EXPECT_EQ(HeaderOf(p1)->prev, nullptr);
-  mwFree(p1, "a.c", 6);
-  EXPECT_EQ(vemo::mwHead, nullptr);
-  EXPECT_EQ(vemo::mwLiveBlocks, 0);
-  EXPECT_EQ(mwTest("a.c", 7, MW_TEST_ALL), 0);
-}
-
-TEST_F(MwAlloc, LimitRefusesAllocationsAndGrowthBeyondIt) {
-  mwLimit(1000);
-  void *big = mwMalloc(800, "a.c", 1);
-  void *small = mwMalloc(100, "a.c", 2);
-  ASSERT_NE(big, nullptr);
-  ASSERT_NE(small, nullptr);
-  Mark();
-  EXPECT_EQ(mwMalloc(200, "a.c", 3), nullptr);
-  EXPECT_EQ(mwRealloc(small, 250, "a.c", 4), nullptr);
-  ExpectLines(NewLines(), {"limit fail: <3> a.c(3), 200 wanted 100 available",
-                           "limit fail: <4> a.c(4), 150 wanted 100 available"});
-  EXPECT_EQ(vemo::mwAnomalies, 2);
-  EXPECT_EQ(HeaderOf(small)->size, 100u);
-  // 1000 is not more than the limit, and the limit is suspended while the data moves.
-  void *grown = mwRealloc(small, 200, "a.c", 5);
-  ASSERT_NE(grown, nullptr);
-  EXPECT_EQ(vemo::mwLiveBytes, 1000);
-  EXPECT_EQ(vemo::mwLimitOn, 1);
-  mwFree(grown, "a.c", 6);
-  mwFree(big, "a.c", 7);
-}
-
-TEST_F(MwAlloc, SizeThatOverflowsWithTheOverheadFailsSilently) {
-  Start();
-  EXPECT_EQ(mwMalloc(SIZE_MAX - 10, "a.c", 1), nullptr);
-  EXPECT_EQ(vemo::mwEventCount, 1);
-  EXPECT_EQ(vemo::mwAnomalies, 0);
-  EXPECT_TRUE(NewLines().empty());
-}
-
-TEST_F(MwAlloc, CallocZeroesAndRefusesAProductThatWraps) {
-  unsigned char *p = static_cast<unsigned char *>(mwCalloc(3, 5, "a.c", 1));
-  ASSERT_NE(p, nullptr);
-  EXPECT_EQ(HeaderOf(p)->size, 15u);
-  EXPECT_TRUE(AllBytes(p, 15, 0));
-  EXPECT_EQ(mwCalloc(SIZE_MAX / 2, 3, "a.c", 2), nullptr);
-  ExpectLines(NewLines(), {"fail: <2> a.c(2), -1 wanted 15 allocated"});
-  EXPECT_EQ(vemo::mwAnomalies, 1);
-  EXPECT_EQ(vemo::mwLiveBlocks, 1);
-  mwFree(p, "a.c", 3);
-}
-
-TEST_F(MwAlloc, StrdupCopiesAndRefusesNull) {
-  char *copy = mwStrdup("text", "a.c", 1);
-  ASSERT_NE(copy, nullptr);
-  EXPECT_STREQ(copy, "text");
-  EXPECT_EQ(HeaderOf(copy)->size, 5u);
-  EXPECT_EQ(mwStrdup(nullptr, "a.c", 2), nullptr);
-  ExpectLines(NewLines(), {"strdup: <1> a.c(2), strdup(NULL) called"});
-  EXPECT_EQ(vemo::mwAnomalies, 1);
-  mwFree(copy, "a.c", 3);
-}
-
-TEST_F(MwAlloc, NullFileNamesArePrintedAsUnknown) {
-  Start();
-  EXPECT_EQ(mwStrdup(nullptr, nullptr, 9), nullptr);
-  void *p = mwMalloc(3, nullptr, 4);
-  mwFree(p, "a.c", 5);
-  mwFree(p, "a.c", 6);
-  ExpectLines(NewLines(), {"strdup: <0> unknown(9), strdup(NULL) called",
-                           "double-free: <3> a.c(6), " + Hex(p) + " was freed from a.c(5)"});
-}
-
-TEST_F(MwAlloc, SystemOutOfMemoryFailsWithTheFailLine) {
-  void *p = mwMalloc(7, "a.c", 1);
-  FailAllSystemMallocs();
-  EXPECT_EQ(mwMalloc(10, "a.c", 2), nullptr);
-  ExpectLines(NewLines(), {"fail: <2> a.c(2), 10 wanted 7 allocated"});
-  EXPECT_EQ(vemo::mwAnomalies, 1);
-  EXPECT_EQ(vemo::mwLiveBlocks, 1);
-  EXPECT_EQ(vemo::mwHead, HeaderOf(p));
-}
-
-TEST_F(MwAlloc, OutOfMemoryGivesBackNoMansLandReserveSilently) {
-  Start();
-  {
-    vemo::MwGuard guard;
-    ASSERT_EQ(vemo::mwGrabChunks(3, vemo::kTypeNoMansLand), 3u);
-  }
-  Mark();
-  FailSystemMallocs({0});  // the block; the trial after the first chunk went back succeeds
-  void *p = mwMalloc(10, "a.c", 2);
-  ASSERT_NE(p, nullptr);
-  EXPECT_EQ(vemo::mwReserveBytes, 2 * 1024);
-  EXPECT_TRUE(NewLines().empty());
-  mwFree(p, "a.c", 3);
-}
-
-TEST_F(MwAlloc, OutOfMemoryReleasesRetainedBlocksAndReportsWrittenOnes) {
-  mwNoMansLand(MW_NML_FREE);
-  unsigned char *kept = static_cast<unsigned char *>(mwMalloc(16, "a.c", 1));
-  mwFree(kept, "a.c", 2);
-  kept[3] = 'x';
-  Mark();
-  FailSystemMallocs({0});
-  void *p = mwMalloc(10, "a.c", 3);
-  ASSERT_NE(p, nullptr);
-  ExpectLines(NewLines(),
-              {"wild pointer: <1> NoMansLand " + Hex(kept + 8) + " alloc'd at a.c(1)"});
-  EXPECT_EQ(vemo::mwRetainedBlocks, 0);
-  EXPECT_EQ(vemo::mwRetainedBytes, 0);
-  EXPECT_EQ(vemo::mwHead, HeaderOf(p));
-  EXPECT_EQ(vemo::mwTail, HeaderOf(p));
-  EXPECT_EQ(vemo::mwAnomalies, 1);
-}
-
-TEST_F(MwAlloc, FreeUpThatSucceedsWhileMallocStillFailsIsReported) {
-  Start();
-  {
-    vemo::MwGuard guard;
-    vemo::mwGrabChunks(1, vemo::kTypeNoMansLand);
-  }
-  Mark();
-  FailSystemMallocs({0, 2});  // block fails, trial succeeds, second try fails
-  EXPECT_EQ(mwMalloc(10, "a.c", 4), nullptr);
-  std::string length = std::to_string(10 + vemo::kDataSize + 16);
-  ExpectLines(NewLines(), {"internal: mwFreeUp(" + length + ") reported success, but malloc() fails",
-                           "fail: <1> a.c(4), 10 wanted 0 allocated"});
-  EXPECT_EQ(vemo::mwAnomalies, 2);
-}
-
-TEST_F(MwAlloc, NestedInitWritesOnceAndTheLastTermReports) {
-  mwInit();
-  mwInit();
-  EXPECT_EQ(vemo::mwExitHookWanted, 0);
-  size_t after_banner = Log().size();
-  mwTerm();
-  EXPECT_EQ(vemo::mwInitCount, 1);
-  EXPECT_EQ(Log().size(), after_banner);
-  mwTerm();
-  EXPECT_EQ(vemo::mwInitCount, 0);
-  std::string log = ReadFile("memguard.log");
-  EXPECT_NE(log.find("\nStopped at "), std::string::npos);
-  // A new start appends to the log without a second banner.
-  mwInit();
-  mwTerm();
-  log = ReadFile("memguard.log");
-  EXPECT_EQ(log.find("MEMGUARD 1.00"), log.rfind("MEMGUARD 1.00"));
-  EXPECT_NE(log.find("Stopped at "), log.rfind("Stopped at "));
-}
-
-TEST_F(MwAlloc, TermWithoutInitIsReported) {
-  mwTerm();
-  ExpectLines(NewLines(), {"internal: mwTerm(): MEMGUARD has not been started!"});
-}
-
-TEST_F(MwAlloc, StatisticsFollowTheAllocatingSite) {
-  mwStatistics(MW_STAT_LINE);
-  void *a = mwMalloc(10, "a.c", 1);
-  void *b = mwMalloc(30, "a.c", 2);
-  mwFree(a, "b.c", 9);
-  vemo::MwGuard guard;
-  vemo::mwStatEntry *module = vemo::mwStatFind("a.c", -1, 0);
-  vemo::mwStatEntry *line1 = vemo::mwStatFind("a.c", 1, 0);
-  vemo::mwStatEntry *line2 = vemo::mwStatFind("a.c", 2, 0);
-  ASSERT_NE(module, nullptr);
-  ASSERT_NE(line1, nullptr);
-  ASSERT_NE(line2, nullptr);
-  EXPECT_EQ(module->number, 2);
-  EXPECT_EQ(module->total, 40);
-  EXPECT_EQ(module->largest, 40);
-  EXPECT_EQ(module->unfreed, 30);
-  EXPECT_EQ(line1->unfreed, 0);
-  EXPECT_EQ(line1->largest, 10);
-  EXPECT_EQ(line2->unfreed, 30);
-  EXPECT_EQ(vemo::mwStatFind("b.c", -1, 0), nullptr);
-  (void)b;
-}
-
-TEST_F(MwAlloc, StatisticsWithoutMemoryAreSkipped) {
-  mwStatistics(MW_STAT_MODULE);
-  Mark();
-  FailSystemMallocs({1});  // the block succeeds, its statistics entry does not
-  void *p = mwMalloc(4, "a.c", 1);
-  ASSERT_NE(p, nullptr);
-  ExpectLines(NewLines(), {"internal: memory low, statistics incomplete for 'a.c'"});
-  vemo::MwGuard guard;
-  EXPECT_EQ(vemo::mwStatEntries, nullptr);
+TEST(MwAlloc, Scenarios) {
+  RunScenarios({
+      {"new block: guards, fill, check value; zero-size blocks; the leak line", [](Vars &v) {
+         auto *p = static_cast<unsigned char *>(mwMalloc(5, "a.c", 12));
+         EXPECT_EQ(Bytes(p - 8, 21), "mEmGuArD\xFE\xFE\xFE\xFE\xFEmEmGuArD");
+         EXPECT_EQ(HeaderOf(p)->check, 0x00FE0180UL ^ 1 ^ 5 ^ 12);
+         auto *a = static_cast<char *>(mwMalloc(0, "a.c", 1)), *b = (char *)mwMalloc(0, "a.c", 2);
+         EXPECT_EQ(Bytes(a - 8, 16), "mEmGuArDmEmGuArD");
+         EXPECT_EQ(mwTestBuffer("a.c", 3, a), 0);
+         mwFree(a, "a.c", 4), mwFree(b, "a.c", 5), mwTerm(), v("p", p);
+       }, {kStopped, "unfreed: <1> a.c(12), 5 bytes at {p}  \t{FE FE FE FE FE .. .. .. .. .. .. .. "
+           ".. .. .. .. .....}", Stats(3, 5, 5, 5), "MEMGUARD detected 1 anomalies"}, 0},
+      {"frees from the middle and both ends; a second free names the first", [](Vars &v) {
+         void *p[4];
+         for (int i = 0; i < 4; ++i) p[i] = mwMalloc(1, "a.c", i);
+         for (int i : {1, 3, 0}) mwFree(p[i], "a.c", 10 + i);
+         EXPECT_EQ(mwTest("a.c", 20, MW_TEST_CHAIN), 0);
+         mwFree(p[2], "a.c", 12), mwFree(p[1], "a.c", 21), v("p", p[1]);
+       }, {"check: <7> a.c(20), checking chain ", "check: <7> a.c(20), complete; no errors",
+           "double-free: <9> a.c(21), {p} was freed from a.c(11)"}, 1},
+      {"the limit refuses allocations and growth beyond it", [](Vars &) {
+         mwLimit(0), mwLimit(1000);
+         void *big = mwMalloc(800, "a.c", 1), *small = mwMalloc(100, "a.c", 2);
+         EXPECT_EQ(mwMalloc(200, "a.c", 3), nullptr);
+         EXPECT_EQ(mwRealloc(small, 250, "a.c", 4), nullptr);
+         // Exactly at the limit: old and new block coexist while the data moves.
+         void *grown = mwRealloc(small, 200, "a.c", 5);
+         EXPECT_EQ(mwMalloc(1, "a.c", 6), nullptr);
+         mwLimit(0);
+         for (void *p : {big, grown, mwMalloc(2000, "a.c", 7)}) mwFree(p, "a.c", 8);
+       }, {"limit: old limit = none, new limit = none",
+           "limit: old limit = none, new limit = 1000 bytes",
+           "limit fail: <3> a.c(3), 200 wanted 100 available",
+           "limit fail: <4> a.c(4), 150 wanted 100 available",
+           "limit fail: <7> a.c(6), 1 wanted 0 available",
+           "limit: old limit = 1000 bytes, new limit = none"}, 3},
+      {"sizes that overflow; calloc zeroes; strdup copies and refuses NULL", [](Vars &) {
+         EXPECT_EQ(mwMalloc(SIZE_MAX - 10, "a.c", 1), nullptr);  // silently
+         auto *p = static_cast<char *>(mwCalloc(3, 5, "a.c", 2));
+         EXPECT_EQ(Bytes(p, 15), std::string(15, '\0'));
+         EXPECT_EQ(mwCalloc(SIZE_MAX / 2, 3, "a.c", 3), nullptr);
+         char *copy = mwStrdup("text", "a.c", 4);
+         EXPECT_STREQ(copy, "text");
+         EXPECT_EQ(mwStrdup(nullptr, nullptr, 5), nullptr);
+         mwFree(p, "a.c", 6), mwFree(copy, "a.c", 7);
+       }, {"fail: <3> a.c(3), -1 wanted 15 allocated",
+           "strdup: <4> unknown(5), strdup(NULL) called"}, 2},
+      {"out of memory: the fail line", [](Vars &) {
+         void *p = mwMalloc(7, "a.c", 1);
+         FailSystemMallocs({});
+         EXPECT_EQ(mwMalloc(10, "a.c", 2), nullptr);
+         mwFree(p, "a.c", 3);
+       }, {"fail: <2> a.c(2), 10 wanted 7 allocated"}, 1},
+      {"out of memory gives no-man's-land reserve back silently, or says it did not help",
+       [](Vars &v) {
+         Start();
+         vemo::mwLock.lock(), vemo::mwGrabChunks(3, vemo::kTypeNoMansLand), vemo::mwLock.unlock();
+         FailSystemMallocs({0});  // the block; the trial after one chunk went back succeeds
+         void *p = mwMalloc(10, "a.c", 1);
+         EXPECT_EQ(vemo::mwReserveBytes, 2 * 1024);
+         FailSystemMallocs({0, 2});  // the block, and its second try after a good trial
+         EXPECT_EQ(mwMalloc(10, "a.c", 2), nullptr);
+         mwFree(p, "a.c", 3), v["len"] = std::to_string(10 + vemo::kDataSize + 16);
+       }, {"grabbed: 3 kilobytes of no-mans-land memory",
+           "internal: mwFreeUp({len}) reported success, but malloc() fails",
+           "fail: <2> a.c(2), 10 wanted 10 allocated"}, 2},
+      {"out of memory releases retained blocks, telling the written ones", [](Vars &v) {
+         mwNoMansLand(MW_NML_FREE);
+         auto *kept = static_cast<unsigned char *>(mwMalloc(16, "a.c", 1));
+         mwFree(kept, "a.c", 2), kept[3] = 'x', v("k", kept + 8);
+         FailSystemMallocs({0});
+         EXPECT_NE(mwMalloc(10, "a.c", 3), nullptr);
+         EXPECT_EQ(vemo::mwRetainedBlocks, 0);
+       }, {"wild pointer: <1> NoMansLand {k} alloc'd at a.c(1)"}, 1},
+      {"statistics without memory are skipped", [](Vars &) {
+         mwStatistics(MW_STAT_MODULE);
+         FailSystemMallocs({1});  // the block succeeds, its statistics entry does not
+         EXPECT_NE(mwMalloc(4, "a.c", 1), nullptr);
+       }, {"statistics: now collecting on a module basis",
+           "internal: memory low, statistics incomplete for 'a.c'"}, 0},
+      {"nested starts write once; the last end reports; a new start appends; an extra end",
+       [](Vars &) { mwInit(), mwInit(), mwTerm(), mwTerm(), mwInit(), mwTerm(), mwTerm(); },
+       {kStopped, Stats(0, 0, 0, 0), kStopped, Stats(0, 0, 0, 0),
+        "internal: mwTerm(): MEMGUARD has not been started!"}, 0},
+      {"a retained block: FC fill; later frees and reallocations of it", [](Vars &v) {
+         mwNoMansLand(MW_NML_FREE);
+         auto *p = static_cast<unsigned char *>(mwMalloc(24, "a.c", 1));
+         mwFree(p, "a.c", 2), v("p", p), v("mw", HeaderOf(p));
+         EXPECT_EQ(Bytes(p, 24), std::string(24, '\xFC'));
+         EXPECT_EQ(vemo::mwRetainedBytes, 24);
+         mwFree(p, "a.c", 3), p[0] = 0, mwFree(p, "a.c", 4);
+         EXPECT_EQ(mwRealloc(p, 16, "a.c", 5), nullptr);
+       }, {"double-free: <3> a.c(3), {p} was freed from a.c(2)",
+           "internal: <4> a.c(4), no-mans-land MW-{mw} is corrupted",
+           "double-free: <4> a.c(4), {p} was freed from a.c(2)",
+           "internal: <4> a.c(5), no-mans-land MW-{mw} is corrupted",
+           "realloc: <4> a.c(5), {p} was freed from a.c(2)"}, 4},
+      {"the untracked twins and a free without a file never start the allocator", [](Vars &) {
+         mwFree(mwMalloc_(16), nullptr, 0), mwFree_(mwRealloc_(mwCalloc_(2, 8), 32));
+         EXPECT_NE(access("memguard.log", F_OK), 0);
+       }, {}, 0},
+      {"NULL, foreign and misaligned pointers", [](Vars &v) {
+         alignas(16) static unsigned char foreign[256];
+         memset(foreign, 0x33, sizeof foreign), v("f", foreign + 128);
+         mwFree(foreign + 128, "a.c", 1);  // before any allocation
+         mwFree(nullptr, "a.c", 2);
+         auto *p = static_cast<char *>(mwMalloc(16, "a.c", 3));
+         mwFree(foreign + 128, "a.c", 4), mwFree(p + 1, "a.c", 5), v("p", p + 1);
+         EXPECT_EQ(mwTestBuffer("a.c", 6, p + 3), 1);
+         EXPECT_EQ(mwTestBuffer("a.c", 7, foreign + 128), 1);
+         EXPECT_EQ(Bytes(foreign, 256), std::string(256, '\x33'));
+         mwFree(p, "a.c", 8);
+       }, {"WILD free: <1> a.c(1), unknown pointer {f}", "NULL free: <2> a.c(2), NULL pointer free'd",
+           "WILD free: <4> a.c(4), unknown pointer {f}",
+           "WILD free: <5> a.c(5), unknown pointer {p}"}, 3},
+      {"a free the ring has forgotten is wild", [](Vars &v) {
+         // 64 later frees push p out of the ring; their blocks live until then, so that none
+         // of them can take p's address.
+         void *p = mwMalloc(8, "a.c", 1), *others[64];
+         for (void *&other : others) other = mwMalloc(1, "a.c", 2);
+         mwFree(p, "a.c", 3);
+         for (void *other : others) mwFree(other, "a.c", 4);
+         mwFree(p, "a.c", 5), v("p", p);
+       }, {"WILD free: <131> a.c(5), unknown pointer {p}"}, 1},
+      {"realloc of NULL, moving with the smaller size, to zero, of freed and unknown pointers",
+       [](Vars &v) {
+         auto *p = static_cast<char *>(mwRealloc(nullptr, 6, "a.c", 1));
+         memcpy(p, "hello", 6);
+         auto *q = static_cast<char *>(mwRealloc(p, 3, "a.c", 2));
+         EXPECT_EQ(Bytes(q, 3), "hel");
+         auto *r = static_cast<char *>(mwRealloc(q, 40, "a.c", 3));
+         EXPECT_EQ(Bytes(r, 40), "hel" + std::string(37, '\xFE'));
+         EXPECT_EQ(mwRealloc(r, 0, "a.c", 4), nullptr);
+         alignas(16) static unsigned char foreign[256];
+         v("p", p), v("r", r), v("f", foreign + 128);
+         EXPECT_EQ(mwRealloc(p, 16, "a.c", 5), nullptr);
+         EXPECT_EQ(mwRealloc(foreign + 128, 16, "a.c", 6), nullptr);
+         mwFree(r, "a.c", 7);
+       }, {"realloc: <6> a.c(5), {p} was freed from a.c(2)",
+           "realloc: <6> a.c(6), unknown pointer {f}",
+           "double-free: <7> a.c(7), {r} was freed from a.c(4)"}, 3},
+  });
 }
 
 }  // namespace
