@@ -127,6 +127,13 @@ int RunInChild(const std::function<void()> &body) {
   return status;
 }
 
+void FeedStdin(const std::string &text) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  ASSERT_EQ(write(fds[1], text.data(), text.size()), (ssize_t)text.size());
+  close(fds[1]), dup2(fds[0], 0), close(fds[0]), clearerr(stdin);
+}
+
 void FailSystemMallocs(const std::vector<int> &calls) {
   g_failing = std::set<int>(calls.begin(), calls.end());
   g_calls = 0;

@@ -45,6 +45,9 @@ inline std::string Bytes(const void *p, size_t n) { return std::string((const ch
 // with _exit (no exit handlers): status 1 when an expectation failed in it (printed there).
 int RunInChild(const std::function<void()> &body);
 
+// Makes text what standard input reads from now on.
+void FeedStdin(const std::string &text);
+
 // The allocator's own system allocations numbered (from 0) in calls fail; all of them when
 // calls is empty.
 void FailSystemMallocs(const std::vector<int> &calls);
