@@ -26,13 +26,22 @@ void *failing_malloc(size_t size) {
 
 int remove_entry(const char *path, const struct stat *, int, struct FTW *) { return remove(path); }
 
+std::string Escape(const std::string &text) {
+  std::string out;
+  for (char c : text) {
+    if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos) out += '\\';
+    out += c;
+  }
+  return out;
+}
+
 std::string ToRegex(const std::string &golden, const Vars &vars) {
   std::map<std::string, std::string> holders = {
       {"{ADDR}", "(0x[0-9a-f]+|\\(nil\\))"},
       {"{N}", "-?[0-9]+"},
       {"{TIME}", "[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}"},
       {"{ANY}", ".*"}};
-  for (const auto &var : vars) holders["{" + var.first + "}"] = var.second;
+  for (const auto &var : vars) holders["{" + var.first + "}"] = Escape(var.second);
   std::string out;
   for (size_t i = 0; i < golden.size();) {
     size_t close = golden[i] == '{' ? golden.find('}', i) : std::string::npos;
@@ -41,10 +50,9 @@ std::string ToRegex(const std::string &golden, const Vars &vars) {
     if (holder != holders.end()) {
       out += holder->second;
       i = close + 1;
-      continue;
+    } else {
+      out += Escape(golden.substr(i++, 1));
     }
-    if (std::string("\\^$.|?*+()[]{}").find(golden[i]) != std::string::npos) out += '\\';
-    out += golden[i++];
   }
   return out;
 }
