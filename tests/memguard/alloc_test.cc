@@ -57,14 +57,7 @@ TEST(MwAlloc, Scenarios) {
          mwFree(p, "a.c", 6), mwFree(copy, "a.c", 7);
        }, {"fail: <3> a.c(3), -1 wanted 15 allocated",
            "strdup: <4> unknown(5), strdup(NULL) called"}, 2},
-      {"out of memory: the fail line", [](Vars &) {
-         void *p = mwMalloc(7, "a.c", 1);
-         FailSystemMallocs({});
-         EXPECT_EQ(mwMalloc(10, "a.c", 2), nullptr);
-         mwFree(p, "a.c", 3);
-       }, {"fail: <2> a.c(2), 10 wanted 7 allocated"}, 1},
-      {"out of memory gives no-man's-land reserve back silently, or says it did not help",
-       [](Vars &v) {
+      {"out of memory: no-man's-land reserve given back silently, or not enough", [](Vars &v) {
          Start();
          vemo::mwLock.lock(), vemo::mwGrabChunks(3, vemo::kTypeNoMansLand), vemo::mwLock.unlock();
          FailSystemMallocs({0});  // the block; the trial after one chunk went back succeeds
@@ -72,15 +65,16 @@ TEST(MwAlloc, Scenarios) {
          EXPECT_EQ(vemo::mwReserveBytes, 2 * 1024);
          FailSystemMallocs({0, 2});  // the block, and its second try after a good trial
          EXPECT_EQ(mwMalloc(10, "a.c", 2), nullptr);
-         mwFree(p, "a.c", 3), v["len"] = std::to_string(10 + vemo::kDataSize + 16);
+         FailSystemMallocs({});
+         EXPECT_EQ(mwMalloc(20, "a.c", 3), nullptr);
+         mwFree(p, "a.c", 4), v["len"] = std::to_string(10 + vemo::kDataSize + 16);
        }, {"grabbed: 3 kilobytes of no-mans-land memory",
            "internal: mwFreeUp({len}) reported success, but malloc() fails",
-           "fail: <2> a.c(2), 10 wanted 10 allocated"}, 2},
+           "fail: <2> a.c(2), 10 wanted 10 allocated", "fail: <3> a.c(3), 20 wanted 10 allocated"}, 3},
       {"out of memory releases retained blocks, telling the written ones", [](Vars &v) {
          mwNoMansLand(MW_NML_FREE);
          auto *kept = static_cast<unsigned char *>(mwMalloc(16, "a.c", 1));
-         mwFree(kept, "a.c", 2), kept[3] = 'x', v("k", kept + 8);
-         FailSystemMallocs({0});
+         mwFree(kept, "a.c", 2), kept[3] = 'x', v("k", kept + 8), FailSystemMallocs({0});
          EXPECT_NE(mwMalloc(10, "a.c", 3), nullptr);
          EXPECT_EQ(vemo::mwRetainedBlocks, 0);
        }, {"wild pointer: <1> NoMansLand {k} alloc'd at a.c(1)"}, 1},
@@ -111,29 +105,26 @@ TEST(MwAlloc, Scenarios) {
          mwFree(mwMalloc_(16), nullptr, 0), mwFree_(mwRealloc_(mwCalloc_(2, 8), 32));
          EXPECT_NE(access("memguard.log", F_OK), 0);
        }, {}, 0},
-      {"NULL, foreign and misaligned pointers", [](Vars &v) {
+      {"NULL, foreign, misaligned and forgotten pointers", [](Vars &v) {
          alignas(16) static unsigned char foreign[256];
          memset(foreign, 0x33, sizeof foreign), v("f", foreign + 128);
-         mwFree(foreign + 128, "a.c", 1);  // before any allocation
-         mwFree(nullptr, "a.c", 2);
+         mwFree(foreign + 128, "a.c", 1), mwFree(nullptr, "a.c", 2);  // before any allocation
          auto *p = static_cast<char *>(mwMalloc(16, "a.c", 3));
-         mwFree(foreign + 128, "a.c", 4), mwFree(p + 1, "a.c", 5), v("p", p + 1);
+         mwFree(foreign + 128, "a.c", 4), mwFree(p + 1, "a.c", 5), v("p", p + 1), v("q", p);
          EXPECT_EQ(mwTestBuffer("a.c", 6, p + 3), 1);
          EXPECT_EQ(mwTestBuffer("a.c", 7, foreign + 128), 1);
          EXPECT_EQ(Bytes(foreign, 256), std::string(256, '\x33'));
-         mwFree(p, "a.c", 8);
-       }, {"WILD free: <1> a.c(1), unknown pointer {f}", "NULL free: <2> a.c(2), NULL pointer free'd",
-           "WILD free: <4> a.c(4), unknown pointer {f}",
-           "WILD free: <5> a.c(5), unknown pointer {p}"}, 3},
-      {"a free the ring has forgotten is wild", [](Vars &v) {
          // 64 later frees push p out of the ring; their blocks live until then, so that none
          // of them can take p's address.
-         void *p = mwMalloc(8, "a.c", 1), *others[64];
-         for (void *&other : others) other = mwMalloc(1, "a.c", 2);
-         mwFree(p, "a.c", 3);
-         for (void *other : others) mwFree(other, "a.c", 4);
-         mwFree(p, "a.c", 5), v("p", p);
-       }, {"WILD free: <131> a.c(5), unknown pointer {p}"}, 1},
+         void *others[64];
+         for (void *&other : others) other = mwMalloc(1, "a.c", 8);
+         mwFree(p, "a.c", 9);
+         for (void *other : others) mwFree(other, "a.c", 10);
+         mwFree(p, "a.c", 11);
+       }, {"WILD free: <1> a.c(1), unknown pointer {f}", "NULL free: <2> a.c(2), NULL pointer free'd",
+           "WILD free: <4> a.c(4), unknown pointer {f}",
+           "WILD free: <5> a.c(5), unknown pointer {p}",
+           "WILD free: <135> a.c(11), unknown pointer {q}"}, 4},
       {"realloc of NULL, moving with the smaller size, to zero, of freed and unknown pointers",
        [](Vars &v) {
          auto *p = static_cast<char *>(mwRealloc(nullptr, 6, "a.c", 1));

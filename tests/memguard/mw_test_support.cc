@@ -2,8 +2,6 @@
 
 #include <ftw.h>
 #include <signal.h>
-#include <stdio.h>
-#include <stdlib.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,32 +25,21 @@ void *failing_malloc(size_t size) {
 int remove_entry(const char *path, const struct stat *, int, struct FTW *) { return remove(path); }
 
 std::string Escape(const std::string &text) {
-  std::string out;
-  for (char c : text) {
-    if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos) out += '\\';
-    out += c;
-  }
-  return out;
+  return std::regex_replace(text, std::regex(R"([\\^$.|?*+()\[\]{}])"), R"(\$&)");
 }
 
 std::string ToRegex(const std::string &golden, const Vars &vars) {
   std::map<std::string, std::string> holders = {
-      {"{ADDR}", "(0x[0-9a-f]+|\\(nil\\))"},
-      {"{N}", "-?[0-9]+"},
-      {"{TIME}", "[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}"},
-      {"{ANY}", ".*"}};
+      {"{ADDR}", R"((0x[0-9a-f]+|\(nil\)))"}, {"{N}", "-?[0-9]+"}, {"{ANY}", ".*"},
+      {"{TIME}", "[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}"}};
   for (const auto &var : vars) holders["{" + var.first + "}"] = Escape(var.second);
   std::string out;
-  for (size_t i = 0; i < golden.size();) {
-    size_t close = golden[i] == '{' ? golden.find('}', i) : std::string::npos;
+  for (size_t i = 0, close; i < golden.size(); i = close + 1) {
+    close = golden[i] == '{' ? golden.find('}', i) : std::string::npos;
     auto holder = close == std::string::npos ? holders.end()
                                              : holders.find(golden.substr(i, close - i + 1));
-    if (holder != holders.end()) {
-      out += holder->second;
-      i = close + 1;
-    } else {
-      out += Escape(golden.substr(i++, 1));
-    }
+    out += holder != holders.end() ? holder->second : Escape(golden.substr(i, 1));
+    if (holder == holders.end()) close = i;
   }
   return out;
 }
@@ -69,43 +56,17 @@ void ExpectLines(const std::vector<std::string> &lines, const std::vector<std::s
                  const Vars &vars) {
   std::vector<std::string> golden;
   for (const std::string &row : rows) {
-    for (size_t start = 0, end;; start = end + 1) {
+    for (size_t start = 0, end = 0; end != std::string::npos; start = end + 1) {
       golden.push_back(row.substr(start, (end = row.find('\n', start)) - start));
-      if (end == std::string::npos) break;
     }
   }
-  std::ostringstream all;
-  for (const auto &line : lines) all << "  [" << line << "]\n";
-  EXPECT_EQ(lines.size(), golden.size()) << "log lines:\n" << all.str();
+  std::string all;
+  for (const auto &line : lines) all += "  [" + line + "]\n";
+  EXPECT_EQ(lines.size(), golden.size()) << "log lines:\n" << all;
   for (size_t i = 0; i < lines.size() && i < golden.size(); ++i) {
     EXPECT_TRUE(std::regex_match(lines[i], std::regex(ToRegex(golden[i], vars))))
         << "line " << i << ": [" << lines[i] << "]\ngolden: [" << golden[i] << "]";
   }
-}
-
-std::string ReadFile(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
-}
-
-std::vector<std::string> SplitLines(const std::string &text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) lines.push_back(line);
-  return lines;
-}
-
-std::vector<std::string> LogLines(const std::string &path) {
-  std::vector<std::string> lines = SplitLines(ReadFile(path));
-  if (lines.size() < 8 || lines[1].find("MEMGUARD 1.00") == std::string::npos) return lines;
-  std::string sizes = "mwROUNDALLOC==8 sizeof(mwData)==" + std::to_string(sizeof(vemo::mwData)) +
-                      " mwDataSize==" + std::to_string(vemo::kDataSize);
-  ExpectLines({lines.begin(), lines.begin() + 8},
-              {"", "============= MEMGUARD 1.00 =============", "", "Started at {TIME}", "",
-               "Modes: __STDC__ 64-bit mwDWORD==(unsigned long)", sizes, ""});
-  return {lines.begin() + 8, lines.end()};
 }
 
 std::string Stats(long count, long peak, long total, long unfreed) {
@@ -113,6 +74,38 @@ std::string Stats(long count, long peak, long total, long unfreed) {
          std::to_string(count) + "\n L)argest memory usage      : " + std::to_string(peak) +
          "\n T)otal of all alloc() calls: " + std::to_string(total) +
          "\n U)nfreed bytes totals      : " + std::to_string(unfreed);
+}
+
+std::string ReadFile(const std::string &path) {
+  std::ostringstream out;
+  out << std::ifstream(path, std::ios::binary).rdbuf();
+  return out.str();
+}
+
+std::vector<std::string> LogLines(const std::string &path) {
+  std::vector<std::string> lines;
+  std::istringstream in(ReadFile(path));
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  if (lines.size() < 8 || lines[1].find("MEMGUARD 1.00") == std::string::npos) return lines;
+  ExpectLines({lines.begin(), lines.begin() + 8},
+              {"\n============= MEMGUARD 1.00 =============\n\nStarted at {TIME}\n",
+               "Modes: __STDC__ 64-bit mwDWORD==(unsigned long)",
+               "mwROUNDALLOC==8 sizeof(mwData)==" + std::to_string(sizeof(vemo::mwData)) +
+                   " mwDataSize==" + std::to_string(vemo::kDataSize) + "\n"});
+  return {lines.begin() + 8, lines.end()};
+}
+
+void FeedStdin(const std::string &text) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  ASSERT_EQ(write(fds[1], text.data(), text.size()), (ssize_t)text.size());
+  close(fds[1]), dup2(fds[0], 0), close(fds[0]), clearerr(stdin);
+}
+
+void FailSystemMallocs(const std::vector<int> &calls) {
+  g_failing = std::set<int>(calls.begin(), calls.end());
+  g_calls = 0;
+  vemo::mwSysMalloc = failing_malloc;
 }
 
 int RunInChild(const std::function<void()> &body) {
@@ -133,19 +126,6 @@ int RunInChild(const std::function<void()> &body) {
   int status = -1;
   waitpid(pid, &status, 0);
   return status;
-}
-
-void FeedStdin(const std::string &text) {
-  int fds[2];
-  ASSERT_EQ(pipe(fds), 0);
-  ASSERT_EQ(write(fds[1], text.data(), text.size()), (ssize_t)text.size());
-  close(fds[1]), dup2(fds[0], 0), close(fds[0]), clearerr(stdin);
-}
-
-void FailSystemMallocs(const std::vector<int> &calls) {
-  g_failing = std::set<int>(calls.begin(), calls.end());
-  g_calls = 0;
-  vemo::mwSysMalloc = failing_malloc;
 }
 
 void RunScenarios(const std::vector<Scenario> &table) {

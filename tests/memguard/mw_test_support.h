@@ -16,12 +16,12 @@
 namespace mw_test {
 
 std::string Hex(const void *p);  // as %p prints it
-// Named addresses of a scenario: {p} in a golden line stands for the address named p.
+// Named texts of a scenario: {p} in a golden line stands for the text (or address) named p.
 struct Vars : std::map<std::string, std::string> {
   void operator()(const std::string &name, const void *p) { (*this)[name] = Hex(p); }
 };
 // Golden lines are literal text with placeholders: {ADDR} a pointer, {N} a decimal number,
-// {TIME} a ctime() date, {ANY} anything, and the named addresses; a golden text with newlines
+// {TIME} a ctime() date, {ANY} anything, and the named texts; a golden text with newlines
 // stands for several lines. Expects exactly as many lines.
 void ExpectLines(const std::vector<std::string> &lines, const std::vector<std::string> &golden,
                  const Vars &vars = Vars());
@@ -29,28 +29,22 @@ void ExpectLines(const std::vector<std::string> &lines, const std::vector<std::s
 constexpr const char *kStopped = "\nStopped at {TIME}\n";
 std::string Stats(long count, long peak, long total, long unfreed);
 std::string ReadFile(const std::string &path);
-std::vector<std::string> SplitLines(const std::string &text);
 // The log's lines after its start-up lines, which are checked on the way.
 std::vector<std::string> LogLines(const std::string &path = "memguard.log");
 
 inline vemo::mwData *HeaderOf(void *p) {
-  return reinterpret_cast<vemo::mwData *>(static_cast<char *>(p) - vemo::kDataSize -
-                                          vemo::kGuardLen);
+  return reinterpret_cast<vemo::mwData *>(static_cast<char *>(p) - vemo::kDataSize - 8);
 }
+inline std::string Bytes(const void *p, size_t n) { return std::string((const char *)p, n); }
 // Starts the allocator as an application's first call does, writing only the start-up lines.
 inline void Start() { mwSetAriFunc(nullptr); }
-inline std::string Bytes(const void *p, size_t n) { return std::string((const char *)p, n); }
+void FeedStdin(const std::string &text);  // what standard input reads from now on
+// The allocator's own system allocations numbered (from 0) in calls fail; all when it is empty.
+void FailSystemMallocs(const std::vector<int> &calls);
 
 // Runs body in a forked child and returns its wait status. A body that returns ends the child
 // with _exit (no exit handlers): status 1 when an expectation failed in it (printed there).
 int RunInChild(const std::function<void()> &body);
-
-// Makes text what standard input reads from now on.
-void FeedStdin(const std::string &text);
-
-// The allocator's own system allocations numbered (from 0) in calls fail; all of them when
-// calls is empty.
-void FailSystemMallocs(const std::vector<int> &calls);
 
 enum End { kReturns, kExits0, kExits255, kAborts };
 struct Scenario {

@@ -1,5 +1,6 @@
 // Several threads using the allocator at once: its one lock keeps the chain, the counters and
-// the log whole, an answer function runs without it, and each probe catches its own fault.
+// the log whole, an answer function runs without it; the probes, each catching its own fault.
+#include <signal.h>
 #include <string.h>
 #include <sys/mman.h>
 #include <unistd.h>
@@ -18,10 +19,8 @@ constexpr int kRounds = 1500;
 
 void Churn(int seed) {
   std::vector<char *> kept;
-  unsigned state = (unsigned)seed * 2654435761u + 1;
-  for (int i = 0; i < kRounds; ++i) {
-    state = state * 1103515245u + 12345u;
-    size_t size = 1 + (state >> 16) % 200;
+  for (unsigned i = 0, state = (unsigned)seed; i < kRounds; ++i) {
+    size_t size = 1 + ((state = state * 1103515245u + 12345u) >> 16) % 200;
     auto *p = static_cast<char *>(mwMalloc(size, "threads.c", seed));
     memset(p, seed, size);
     if (i % 3 == 0) {
@@ -34,6 +33,8 @@ void Churn(int seed) {
   for (char *p : kept) mwFree(p, "threads.c", 300 + seed);
 }
 
+void previous_handler(int) {}
+
 TEST(MwThreads, Scenarios) {
   RunScenarios({
       {"allocations, checks and marks at once", [](Vars &) {
@@ -45,10 +46,8 @@ TEST(MwThreads, Scenarios) {
              mwMark(&host, "m", "c.c", 2), mwUnmark(&host, "c.c", 3);
            }
          });
-         std::vector<std::thread> threads;
-         for (int t = 1; t <= 3; ++t) threads.emplace_back(Churn, t);
-         for (auto &thread : threads) thread.join();
-         done = true, checker.join();
+         std::thread a(Churn, 1), b(Churn, 2), c(Churn, 3);
+         a.join(), b.join(), c.join(), done = true, checker.join();
          EXPECT_EQ(vemo::mwLiveBlocks, 0);
          EXPECT_EQ(vemo::mwAllocCount, 3L * (kRounds + kRounds / 3));
          EXPECT_EQ(vemo::mwFirstMark, nullptr);
@@ -62,17 +61,27 @@ TEST(MwThreads, Scenarios) {
          EXPECT_EQ(mwAssert(0, "x", "t.c", 1), 0);
          EXPECT_EQ(vemo::mwAllocCount, 1);
        }, {"assert trap: <1> t.c(1), x", "assert trap: <1> IGNORED - execution continues"}, 1},
-      {"concurrent probes each catch their own fault", [](Vars &) {
+      {"probes answer without faulting, also at once, and restore the previous handler",
+       [](Vars &) {
+         struct sigaction mine = {}, before, after;
+         mine.sa_handler = previous_handler;
+         ASSERT_EQ(sigaction(SIGSEGV, &mine, &before), 0);
          long page = sysconf(_SC_PAGESIZE);
-         void *hole = mmap(nullptr, (size_t)page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-         auto probe = [hole] {
+         char *hole = (char *)mmap(nullptr, page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+         auto probe = [hole, page] {
            for (int i = 0, readable = 1; i < 200; ++i) {
-             EXPECT_EQ(mwIsReadAddr(hole, 4), 0);
-             EXPECT_EQ(mwIsReadAddr(&readable, sizeof readable), 1);
+             EXPECT_EQ(mwIsReadAddr(hole + page - 1, 1), 0);
+             EXPECT_EQ(mwIsSafeAddr(&readable, sizeof readable), 1);
            }
          };
          std::thread a(probe), b(probe);
          a.join(), b.join();
+         EXPECT_EQ(mwIsReadAddr(nullptr, 4), 0);
+         EXPECT_EQ(mwIsReadAddr(hole, 0), 1);
+         EXPECT_EQ(mwOldSIGSEGV, previous_handler);
+         ASSERT_EQ(sigaction(SIGSEGV, &before, &after), 0);
+         EXPECT_EQ(after.sa_handler, previous_handler);
+         EXPECT_NE(access("memguard.log", F_OK), 0);
        }, {}, 0},
   });
 }
