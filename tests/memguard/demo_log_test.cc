@@ -7,33 +7,27 @@
 
 using namespace mw_test;
 
-namespace {
-
 TEST(MwDemo, Scenarios) {
   const std::string src = "examples/memguard_demo/memguard_demo.c";
   char row[160];
   snprintf(row, sizeof row, " %-42s %-8d %-8d %-8d %-8d", src.c_str(), 3, 36, 36, 12);
-  RunScenarios({
-      {"the demo's log", [](Vars &v) {
-         int status = RunInChild([] {
-           int out = open("stdout.txt", O_WRONLY | O_CREAT | O_TRUNC, 0644);
-           dup2(out, 1), close(out);
-           execl(MEMGUARD_DEMO_PATH, MEMGUARD_DEMO_PATH, static_cast<char *>(nullptr));
-           _exit(127);
-         });
-         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
-         char cwd[4096];
-         EXPECT_EQ(ReadFile("stdout.txt"),
-                   "memguard report: " + std::string(getcwd(cwd, sizeof cwd)) + "/memguard.log\n");
-       }, {"statistics: now collecting on a module basis",
-           "overflow: <4> " + src + "({N}), 8 bytes alloc'd at <2> " + src + "({N})",
-           "double-free: <6> " + src + "({N}), {ADDR} was freed from " + src + "({N})", kStopped,
-           "unfreed: <1> " + src + "({N}), 12 bytes at {ADDR}  \t{6E 65 76 65 72 20 66 72 65 65 64 "
-           "00 .. .. .. .. never freed.}", Stats(3, 36, 36, 12),
-           "\nMemory usage statistics (detailed):",
-           " Module/Line                                Number   Largest  Total    Unfreed ", row,
-           "MEMGUARD detected 3 anomalies"}, 0},
-  });
+  RunScenarios({{"the demo's log", [](Vars &) {
+                   int status = RunInChild([] {
+                     int out = open("stdout.txt", O_WRONLY | O_CREAT | O_TRUNC, 0644);
+                     dup2(out, 1), execl(MEMGUARD_DEMO_PATH, MEMGUARD_DEMO_PATH, (char *)nullptr);
+                     _exit(127);
+                   });
+                   EXPECT_EQ(status, 0);
+                   char cwd[4096];
+                   EXPECT_EQ(ReadFile("stdout.txt"), "memguard report: " +
+                                                         std::string(getcwd(cwd, sizeof cwd)) +
+                                                         "/memguard.log\n");
+                 }, {"statistics: now collecting on a module basis",
+                     "overflow: <4> " + src + "({N}), 8 bytes alloc'd at <2> " + src + "({N})",
+                     "double-free: <6> " + src + "({N}), {ADDR} was freed from " + src + "({N})",
+                     kStopped, "unfreed: <1> " + src + "({N}), 12 bytes at {ADDR}  \t{6E 65 76 65 "
+                     "72 20 66 72 65 65 64 00 .. .. .. .. never freed.}", Stats(3, 36, 36, 12),
+                     "\nMemory usage statistics (detailed):",
+                     " Module/Line                                Number   Largest  Total    Unfreed ",
+                     row, "MEMGUARD detected 3 anomalies"}, 0}});
 }
-
-}  // namespace

@@ -60,9 +60,7 @@ void ExpectLines(const std::vector<std::string> &lines, const std::vector<std::s
       golden.push_back(row.substr(start, (end = row.find('\n', start)) - start));
     }
   }
-  std::string all;
-  for (const auto &line : lines) all += "  [" + line + "]\n";
-  EXPECT_EQ(lines.size(), golden.size()) << "log lines:\n" << all;
+  EXPECT_EQ(lines.size(), golden.size()) << "log lines: " << testing::PrintToString(lines);
   for (size_t i = 0; i < lines.size() && i < golden.size(); ++i) {
     EXPECT_TRUE(std::regex_match(lines[i], std::regex(ToRegex(golden[i], vars))))
         << "line " << i << ": [" << lines[i] << "]\ngolden: [" << golden[i] << "]";

@@ -25,9 +25,8 @@ struct Vars : std::map<std::string, std::string> {
 // stands for several lines. Expects exactly as many lines.
 void ExpectLines(const std::vector<std::string> &lines, const std::vector<std::string> &golden,
                  const Vars &vars = Vars());
-// The report's start, and its global statistics.
-constexpr const char *kStopped = "\nStopped at {TIME}\n";
-std::string Stats(long count, long peak, long total, long unfreed);
+constexpr const char *kStopped = "\nStopped at {TIME}\n";  // how the report begins
+std::string Stats(long count, long peak, long total, long unfreed);  // its global statistics
 std::string ReadFile(const std::string &path);
 // The log's lines after its start-up lines, which are checked on the way.
 std::vector<std::string> LogLines(const std::string &path = "memguard.log");
