@@ -93,6 +93,12 @@ std::vector<std::string> LogLines(const std::string &path) {
   return {lines.begin() + 8, lines.end()};
 }
 
+std::vector<void *> Blocks(int n, size_t size, const char *file) {
+  std::vector<void *> blocks;
+  for (int i = 1; i <= n; ++i) blocks.push_back(mwMalloc(size, file, i));
+  return blocks;
+}
+
 void FeedStdin(const std::string &text) {
   int fds[2];
   ASSERT_EQ(pipe(fds), 0);

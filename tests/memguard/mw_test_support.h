@@ -34,6 +34,8 @@ std::vector<std::string> LogLines(const std::string &path = "memguard.log");
 inline vemo::mwData *HeaderOf(void *p) {
   return reinterpret_cast<vemo::mwData *>(static_cast<char *>(p) - vemo::kDataSize - 8);
 }
+// n blocks of size bytes allocated at lines 1 to n of file, oldest first.
+std::vector<void *> Blocks(int n, size_t size = 1, const char *file = "t.c");
 inline std::string Bytes(const void *p, size_t n) { return std::string((const char *)p, n); }
 // Starts the allocator as an application's first call does, writing only the start-up lines.
 inline void Start() { mwSetAriFunc(nullptr); }
