@@ -117,15 +117,16 @@ TEST(MwAlloc, Scenarios) {
          EXPECT_EQ(mwTestBuffer("a.c", 6, p + 3), 1);
          EXPECT_EQ(mwTestBuffer("a.c", 7, g_foreign + 128), 1);
          EXPECT_EQ(Bytes(g_foreign, 256), std::string(256, '\x33'));
-         // 64 later frees push p out of the ring; their blocks live until then, so that none
-         // of them can take p's address.
+         // The ring remembers p through 63 later frees, not through 64; their blocks live until
+         // then, so that none of them can take p's address.
          std::vector<void *> others = Blocks(64);
          mwFree(p, "a.c", 9);
-         for (void *other : others) mwFree(other, "a.c", 10);
-         mwFree(p, "a.c", 11);
+         for (int i = 0; i < 63; ++i) mwFree(others[i], "a.c", 10);
+         mwFree(p, "a.c", 11), mwFree(others[63], "a.c", 10), mwFree(p, "a.c", 12);
        }, {"WILD free: <1> a.c(1), unknown pointer {f}", "NULL free: <2> a.c(2), NULL pointer free'd",
            "WILD free: <4> a.c(4), unknown pointer {f}", "WILD free: <5> a.c(5), unknown pointer {p}",
-           "WILD free: <135> a.c(11), unknown pointer {q}"}, 4},
+           "double-free: <134> a.c(11), {q} was freed from a.c(9)",
+           "WILD free: <136> a.c(12), unknown pointer {q}"}, 5},
       {"realloc of NULL, moving with the smaller size, to zero, of freed and unknown pointers",
        [](Vars &v) {
          auto *p = static_cast<char *>(mwRealloc(nullptr, 6, "a.c", 1));
