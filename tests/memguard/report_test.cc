@@ -90,9 +90,8 @@ TEST(MwWriter, Scenarios) {
          EXPECT_NE(access("memgrd03.log", F_OK), 0);
        }, {}, 0},
       {"without any log, direct lines go to standard error", [](Vars &) {
-         for (int i = 0; i <= 99; ++i) {
-           mkdir(i == 0 ? "memguard.log" : ("memgrd" + std::to_string(100 + i).substr(1) + ".log").c_str(), 0755);
-         }
+         char name[16] = "memguard.log";
+         for (int i = 0; i <= 99; snprintf(name, sizeof name, "memgrd%02d.log", ++i)) mkdir(name, 0755);
          int err = open("stderr.txt", O_WRONLY | O_CREAT | O_TRUNC, 0644);
          fflush(stderr), dup2(err, 2), close(err);
          EXPECT_EQ(mwStrdup(nullptr, "a.c", 1), nullptr);  // through the hook: dropped
