@@ -1,9 +1,7 @@
 #include "mw_test_support.h"
 
 #include <ftw.h>
-#include <stdio.h>
-#include <stdlib.h>
-#include <sys/stat.h>
+#include <signal.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -17,83 +15,36 @@ namespace mw_test {
 namespace {
 
 std::set<int> g_failing;
-bool g_fail_all = false;
 int g_calls = 0;
 
 void *failing_malloc(size_t size) {
   int call = g_calls++;
-  if (g_fail_all || g_failing.count(call) != 0) return nullptr;
-  return malloc(size);
+  return g_failing.empty() || g_failing.count(call) != 0 ? nullptr : malloc(size);
 }
 
-int remove_entry(const char *path, const struct stat *, int, struct FTW *) {
-  return remove(path);
+int remove_entry(const char *path, const struct stat *, int, struct FTW *) { return remove(path); }
+
+std::string Escape(const std::string &text) {
+  return std::regex_replace(text, std::regex(R"([\\^$.|?*+()\[\]{}])"), R"(\$&)");
 }
 
-}  // namespace
-
-std::string PatternToRegex(const std::string &pattern) {
-  static const std::vector<std::pair<std::string, std::string>> kPlaceholders = {
-      {"{ADDR}", "(0x[0-9a-f]+|\\(nil\\))"},
-      {"{N}", "-?[0-9]+"},
-      {"{TIME}", "[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}"},
-      {"{ANY}", ".*"}};
+std::string ToRegex(const std::string &golden, const Vars &vars) {
+  std::map<std::string, std::string> holders = {
+      {"{ADDR}", R"((0x[0-9a-f]+|\(nil\)))"}, {"{N}", "-?[0-9]+"}, {"{ANY}", ".*"},
+      {"{TIME}", "[A-Z][a-z]{2} [A-Z][a-z]{2} [ 0-9][0-9] [0-9]{2}:[0-9]{2}:[0-9]{2} [0-9]{4}"}};
+  for (const auto &var : vars) holders["{" + var.first + "}"] = Escape(var.second);
   std::string out;
-  for (size_t i = 0; i < pattern.size();) {
-    bool replaced = false;
-    for (const auto &placeholder : kPlaceholders) {
-      if (pattern.compare(i, placeholder.first.size(), placeholder.first) == 0) {
-        out += placeholder.second;
-        i += placeholder.first.size();
-        replaced = true;
-        break;
-      }
-    }
-    if (replaced) continue;
-    char c = pattern[i++];
-    if (std::string("\\^$.|?*+()[]{}").find(c) != std::string::npos) out += '\\';
-    out += c;
+  for (size_t i = 0, close; i < golden.size(); i = close + 1) {
+    close = golden[i] == '{' ? golden.find('}', i) : std::string::npos;
+    auto holder = close == std::string::npos ? holders.end()
+                                             : holders.find(golden.substr(i, close - i + 1));
+    out += holder != holders.end() ? holder->second : Escape(golden.substr(i, 1));
+    if (holder == holders.end()) close = i;
   }
   return out;
 }
 
-bool LineMatches(const std::string &line, const std::string &pattern) {
-  return std::regex_match(line, std::regex(PatternToRegex(pattern)));
-}
-
-void ExpectLines(const std::vector<std::string> &lines, const std::vector<std::string> &patterns) {
-  std::ostringstream all;
-  for (const auto &line : lines) all << "  [" << line << "]\n";
-  EXPECT_EQ(lines.size(), patterns.size()) << "log lines:\n" << all.str();
-  for (size_t i = 0; i < lines.size() && i < patterns.size(); ++i) {
-    EXPECT_TRUE(LineMatches(lines[i], patterns[i]))
-        << "line " << i << ": [" << lines[i] << "]\npattern: [" << patterns[i] << "]";
-  }
-}
-
-std::string ReadFile(const std::string &path) {
-  std::ifstream in(path, std::ios::binary);
-  std::ostringstream out;
-  out << in.rdbuf();
-  return out.str();
-}
-
-std::vector<std::string> SplitLines(const std::string &text) {
-  std::vector<std::string> lines;
-  size_t start = 0;
-  while (start < text.size()) {
-    size_t end = text.find('\n', start);
-    if (end == std::string::npos) {
-      lines.push_back(text.substr(start));
-      break;
-    }
-    lines.push_back(text.substr(start, end - start));
-    start = end + 1;
-  }
-  return lines;
-}
-
-bool FileExists(const std::string &path) { return access(path.c_str(), F_OK) == 0; }
+}  // namespace
 
 std::string Hex(const void *p) {
   char text[32];
@@ -101,74 +52,107 @@ std::string Hex(const void *p) {
   return text;
 }
 
+void ExpectLines(const std::vector<std::string> &lines, const std::vector<std::string> &rows,
+                 const Vars &vars) {
+  std::vector<std::string> golden;
+  for (const std::string &row : rows) {
+    for (size_t start = 0, end = 0; end != std::string::npos; start = end + 1) {
+      golden.push_back(row.substr(start, (end = row.find('\n', start)) - start));
+    }
+  }
+  EXPECT_EQ(lines.size(), golden.size()) << "log lines: " << testing::PrintToString(lines);
+  for (size_t i = 0; i < lines.size() && i < golden.size(); ++i) {
+    EXPECT_TRUE(std::regex_match(lines[i], std::regex(ToRegex(golden[i], vars))))
+        << "line " << i << ": [" << lines[i] << "]\ngolden: [" << golden[i] << "]";
+  }
+}
+
+std::string Stats(long count, long peak, long total, long unfreed) {
+  return "\nMemory usage statistics (global):\n N)umber of allocations made: " +
+         std::to_string(count) + "\n L)argest memory usage      : " + std::to_string(peak) +
+         "\n T)otal of all alloc() calls: " + std::to_string(total) +
+         "\n U)nfreed bytes totals      : " + std::to_string(unfreed);
+}
+
+std::string ReadFile(const std::string &path) {
+  std::ostringstream out;
+  out << std::ifstream(path, std::ios::binary).rdbuf();
+  return out.str();
+}
+
+std::vector<std::string> LogLines(const std::string &path) {
+  std::vector<std::string> lines;
+  std::istringstream in(ReadFile(path));
+  for (std::string line; std::getline(in, line);) lines.push_back(line);
+  if (lines.size() < 8 || lines[1].find("MEMGUARD 1.00") == std::string::npos) return lines;
+  ExpectLines({lines.begin(), lines.begin() + 8},
+              {"\n============= MEMGUARD 1.00 =============\n\nStarted at {TIME}\n",
+               "Modes: __STDC__ 64-bit mwDWORD==(unsigned long)",
+               "mwROUNDALLOC==8 sizeof(mwData)==" + std::to_string(sizeof(vemo::mwData)) +
+                   " mwDataSize==" + std::to_string(vemo::kDataSize) + "\n"});
+  return {lines.begin() + 8, lines.end()};
+}
+
+std::vector<void *> Blocks(int n, size_t size, const char *file) {
+  std::vector<void *> blocks;
+  for (int i = 1; i <= n; ++i) blocks.push_back(mwMalloc(size, file, i));
+  return blocks;
+}
+
+void FeedStdin(const std::string &text) {
+  int fds[2];
+  ASSERT_EQ(pipe(fds), 0);
+  ASSERT_EQ(write(fds[1], text.data(), text.size()), (ssize_t)text.size());
+  close(fds[1]), dup2(fds[0], 0), close(fds[0]), clearerr(stdin);
+}
+
+void FailSystemMallocs(const std::vector<int> &calls) {
+  g_failing = std::set<int>(calls.begin(), calls.end());
+  g_calls = 0;
+  vemo::mwSysMalloc = failing_malloc;
+}
+
 int RunInChild(const std::function<void()> &body) {
   fflush(nullptr);
   pid_t pid = fork();
   if (pid == 0) {
+    // Only the child's own failures count: the parent may have failed before the fork.
+    const testing::TestResult *result =
+        testing::UnitTest::GetInstance()->current_test_info()->result();
+    int before = result->total_part_count();
     body();
-    exit(0);
+    fflush(nullptr);
+    for (int i = before; i < result->total_part_count(); ++i) {
+      if (result->GetTestPartResult(i).failed()) _exit(1);
+    }
+    _exit(0);
   }
-  int status = 0;
+  int status = -1;
   waitpid(pid, &status, 0);
   return status;
 }
 
-void FailSystemMallocs(const std::vector<int> &failing_calls) {
-  g_failing = std::set<int>(failing_calls.begin(), failing_calls.end());
-  g_fail_all = false;
-  g_calls = 0;
-  vemo::mwSysMalloc = failing_malloc;
-}
-
-void FailAllSystemMallocs() {
-  g_failing.clear();
-  g_fail_all = true;
-  g_calls = 0;
-  vemo::mwSysMalloc = failing_malloc;
-}
-
-int SystemMallocCalls() { return g_calls; }
-
-void MwTest::SetUp() {
-  char cwd[4096];
-  ASSERT_NE(getcwd(cwd, sizeof cwd), nullptr);
-  old_cwd_ = cwd;
-  char pattern[] = "/tmp/memguard_test_XXXXXX";
-  ASSERT_NE(mkdtemp(pattern), nullptr);
-  dir_ = pattern;
-  ASSERT_EQ(chdir(dir_.c_str()), 0);
-}
-
-void MwTest::TearDown() {
-  vemo::mwSysMalloc = malloc;
-  g_fail_all = false;
-  g_failing.clear();
-  if (chdir(old_cwd_.c_str()) != 0) ADD_FAILURE() << "cannot return to " << old_cwd_;
-  nftw(dir_.c_str(), remove_entry, 16, FTW_DEPTH | FTW_PHYS);
-}
-
-std::string MwTest::Log() {
-  mwFlushNow();
-  return ReadFile(dir_ + "/memguard.log");
-}
-
-std::vector<std::string> MwTest::LogLines() { return SplitLines(Log()); }
-
-void MwTest::Mark() {
-  mwFlushNow();
-  mark_ = ReadFile(dir_ + "/memguard.log").size();
-  marked_ = true;
-}
-
-std::vector<std::string> MwTest::NewLines() {
-  std::string text = Log();
-  if (!marked_) {
-    // Skip the start-up lines: banner, blank, date, blank, modes, sizes, blank.
-    std::vector<std::string> lines = SplitLines(text);
-    size_t skip = (lines.size() >= 8 && lines[1].find("MEMGUARD 1.00") != std::string::npos) ? 8 : 0;
-    return std::vector<std::string>(lines.begin() + (long)skip, lines.end());
+void RunScenarios(const std::vector<Scenario> &table) {
+  for (const Scenario &row : table) {
+    SCOPED_TRACE(row.name);
+    char dir[] = "/tmp/memguard_test_XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    int status = RunInChild([&] {
+      if (chdir(dir) != 0) _exit(2);
+      Vars vars;
+      row.body(vars);
+      vemo::mwSysMalloc = malloc;
+      mwFlushNow();
+      ExpectLines(LogLines(), row.lines, vars);
+      EXPECT_EQ(vemo::mwAnomalies, row.anomalies);
+      EXPECT_EQ(mwTest(nullptr, 0, MW_TEST_ALL), 0) << "the heap is not whole";
+    });
+    const int kEnded[] = {0, 0, 255, 1000 + SIGABRT};  // exit status, or 1000 + signal
+    int ended = WIFEXITED(status) ? WEXITSTATUS(status) : 1000 + WTERMSIG(status);
+    EXPECT_EQ(ended, kEnded[row.end]) << "child failed (see its output above)";
+    if (row.end != kReturns) ExpectLines(LogLines(std::string(dir) + "/memguard.log"), row.lines);
+    nftw(dir, remove_entry, 16, FTW_DEPTH | FTW_PHYS);
   }
-  return SplitLines(text.size() > mark_ ? text.substr(mark_) : std::string());
 }
 
 }  // namespace mw_test
