@@ -175,10 +175,10 @@ TEST_F(Teardown, OrderedTeardownDoesNotWaitForARunningHandler) {
   Gate gate;
   g_hold = &gate;
   g_api = Api::kUnregister;
+  g_result = 1;
   ASSERT_EQ(0, vemo_register_callback(calling_handler, nullptr));
   daemon_.set_next_cloud_request_id(9);
   daemon_.send_cloud_request("hold on");
-  g_result = 1;
   ASSERT_TRUE(g_entered.wait_for(1));
   ASSERT_TRUE(eventually([] { return g_result.load() != 1; })) << "a handler unregistering itself hangs";
   ASSERT_EQ(1, daemon_.send_server_notify(1));
@@ -191,27 +191,6 @@ TEST_F(Teardown, OrderedTeardownDoesNotWaitForARunningHandler) {
   ASSERT_EQ(0, vemo_reconnect_cloud());
   EXPECT_EQ(2, daemon_.connections_seen());
   g_hold = nullptr;
-}
-
-std::atomic<int> g_own_result{1};
-std::string g_own_text;  // written before g_collected is notified
-Counter g_collected;
-void collecting_callback(int id, const char *) {
-  char *text = nullptr;
-  g_own_result = vemo_get_response(id, &text);
-  g_own_text = text != nullptr ? text : "<null>";
-  free(text);
-  g_collected.notify();
-}
-
-TEST_F(Teardown, ResponseCallbackCollectsItsOwnResponse) {
-  daemon_.set_next_request_id(77);
-  ASSERT_EQ(77, vemo_send_request_async("mine", 3000, 0, collecting_callback));
-  ASSERT_TRUE(g_collected.wait_for(1)) << "the callback never finished";
-  EXPECT_EQ(0, g_own_result.load());
-  EXPECT_EQ("mine", g_own_text);
-  char *text = nullptr;
-  EXPECT_EQ(VEMO_ERR_NOT_FOUND, vemo_get_response(77, &text));
 }
 
 // Threads waiting for a teardown look at the context as they wake, while the teardown resets it

@@ -124,7 +124,7 @@ class E2ETest : public ::testing::Test {
   bool Unhandled(Incoming what);
 
   // Sends greeting as the first frame of the next connection (the twin's own greeting must be
-  // disabled) while call() runs on another thread; the call's result.
+  // disabled; none when empty) while call() runs on another thread; the call's result.
   int CallWithGreeting(const std::string &greeting, const std::function<int()> &call,
                        int bound_ms = kWaitMs);
 
