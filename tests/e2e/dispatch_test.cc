@@ -1,6 +1,6 @@
 // Dispatch of what the daemon sends, over the real socket: every malformed or unexpected message
 // gets its own code and line and changes nothing; keys are found in any letter case; method names
-// are compared exactly; frames arriving together are all handled.
+// are compared exactly.
 #include <string.h>
 
 #include <sstream>
@@ -123,14 +123,6 @@ TEST_F(Dispatch, KeysAreMatchedWhateverTheirCase) {
   free(text);
   EXPECT_EQ(1, daemon_.connections_seen());
   EXPECT_TRUE(log_.summary().empty());
-}
-
-TEST_F(Dispatch, FramesArrivingTogetherAreAllHandled) {
-  ASSERT_EQ(1, daemon_.send_bytes(
-                   frame_of(R"({"inner_method":"cloud_request","inner_id":91,"inner_params":{"request":"one"}})") +
-                   frame_of(R"({"inner_method":"cloud_request","inner_id":92,"inner_params":{"request":"two"}})")));
-  EXPECT_TRUE(daemon_.wait_for_reply(91, kWaitMs).has_value());
-  EXPECT_TRUE(daemon_.wait_for_reply(92, kWaitMs).has_value());
 }
 
 }  // namespace

@@ -21,14 +21,25 @@ void hello_request(char **response) { *response = strdup("hi"); }
 void hello_response(const char *) {}
 const vemo_hello_cloud_cb_t kHello = {hello_request, hello_response};
 
-// The order, even given twice at once, tears down once, in its steps; handlers and pending
-// responses do not survive it, and the next call connects again.
+// The order, even given twice at once, tears down once, in its steps: a caller asleep on its
+// response gets -1101, handlers and pending responses do not survive, the next call connects.
 TEST_F(Teardown, OrderedTeardownForgetsEverything) {
   ASSERT_EQ(0, vemo_register_callback(echo, &kHello));
   daemon_.set_drop_response(true);
   daemon_.set_next_request_id(1000);
   ASSERT_EQ(1000, vemo_send_request_async("pending", 5000, 0, nullptr));
+  std::atomic<pid_t> tid{0};
+  std::future<int> waiter = std::async(std::launch::async, [&tid] {
+    tid = current_tid();
+    char *text = nullptr;
+    return vemo_send_request_sync("waiting", 20000, 0, &text);
+  });
+  ASSERT_TRUE(daemon_.wait_for_sent([](const Sent &s) { return s.text.find(R"({"id":1001})") != std::string::npos; },
+                                    kWaitMs));  // acknowledged, and the waiter asleep on its response
+  ASSERT_TRUE(eventually([&] { return tid.load() != 0; }));
+  ASSERT_TRUE(wait_thread_in_futex(tid.load()));
   ASSERT_EQ(1, daemon_.send_bytes(frame_of(kNotify1) + frame_of(kNotify1)));
+  EXPECT_EQ(VEMO_ERR_DISCONNECTED, FinishOrDie(waiter, kWaitMs, "the synchronous waiter"));
   ASSERT_TRUE(WaitLogged("client_destroy", "DEBUG", kDestroyed));
   EXPECT_EQ((Strings{"begin to destroy the client...", "destroy the task pool", "destroy the response list",
                      "destroy the message id pool", "close the client file description", kDestroyed}),
@@ -87,29 +98,6 @@ TEST_F(Teardown, ClosedConnectionWakesTheWaiterAndTheHandlerIsAnnouncedAgain) {
   EXPECT_EQ(VEMO_ERR_NOT_FOUND, vemo_get_response(1000, &text));
   EXPECT_EQ("still there?", Ask(7, "still there?"));
   EXPECT_EQ(2, daemon_.connections_seen());
-}
-
-TEST_F(Teardown, TeardownDuringSyncWaitReturns1101ToTheWaiter) {
-  daemon_.set_drop_response(true);
-  daemon_.set_next_request_id(1000);
-  ASSERT_NO_FATAL_FAILURE(Connect());
-  std::atomic<pid_t> tid{0};
-  std::future<std::pair<int, char *>> waiter = std::async(std::launch::async, [&tid] {
-    tid = current_tid();
-    char *text = nullptr;
-    const int rc = vemo_send_request_sync("waiting", 20000, 0, &text);
-    return std::make_pair(rc, text);
-  });
-  // Acknowledged, and the waiter asleep on its response.
-  ASSERT_TRUE(daemon_.wait_for_sent([](const Sent &s) { return s.text.find(R"("inner_result":{"id":1000})") != std::string::npos; },
-                                    kWaitMs));
-  ASSERT_TRUE(eventually([&] { return tid.load() != 0; }));
-  ASSERT_TRUE(wait_thread_in_futex(tid.load()));
-  ASSERT_EQ(1, daemon_.send_server_notify(1));
-  const std::pair<int, char *> result = FinishOrDie(waiter, kWaitMs, "the synchronous waiter");
-  EXPECT_EQ(VEMO_ERR_DISCONNECTED, result.first);
-  EXPECT_EQ(nullptr, result.second);
-  EXPECT_TRUE(WaitLogged("client_destroy", "DEBUG", kDestroyed));
 }
 
 // ---- Handlers calling the API while the client is torn down, or on themselves -------------------

@@ -40,11 +40,10 @@ using vemo_test::LogLine;
 using vemo_test::parse_log_line;
 using Strings = std::vector<std::string>;
 
-// How long a test waits for another process to stop serving /tmp/cloud_svr.
-constexpr int kPathBusyWaitMs = 60000;
-// Held (flock) by every end-to-end test process while it uses /tmp/cloud_svr. Other programs that
-// serve or use the path in tests should take it too.
+// Held (flock) by every test process while it serves or uses /tmp/cloud_svr, for at most
+// kPathBusyWaitMs: ctest's resource lock only orders the tests of one run.
 constexpr char kPathLockFile[] = "/tmp/cloud_svr.lock";
+constexpr int kPathBusyWaitMs = 60000;
 
 // The kernel id of the calling thread.
 pid_t current_tid();
@@ -104,9 +103,7 @@ class E2ETest : public ::testing::Test {
   // Connects the client with a call that changes nothing on the client (ASSERTs).
   void Connect();
 
-  Strings Messages(const std::string &function, const std::string &level = "") {
-    return log_.messages(function, level);
-  }
+  Strings Messages(const std::string &function, const std::string &level = "") { return log_.messages(function, level); }
   int CountLogged(const std::string &function, const std::string &level, const std::string &message);
   bool Logged(const std::string &function, const std::string &level, const std::string &message) {
     return CountLogged(function, level, message) > 0;
