@@ -2,8 +2,6 @@
 // user pointer, failures the cloud reports, the shutdown call and the socket path override.
 #include <string.h>
 
-#include <mutex>
-
 #include "support/e2e_fixture.h"
 #include "vemo/vemo_ext.h"
 
@@ -12,32 +10,14 @@ namespace {
 
 class Extensions : public E2ETest {};
 
-// What a callback with a user pointer was told, as text.
-struct Told {
-  std::mutex mu;
-  Strings seen;
-  Counter count;
-  void add(const std::string &what) {
-    {
-      std::lock_guard<std::mutex> hold(mu);
-      seen.push_back(what);
-    }
-    count.notify();
-  }
-  Strings all() {
-    std::lock_guard<std::mutex> hold(mu);
-    return seen;
-  }
-};
-
 void record_event(int event, int code, void *user) {
-  static_cast<Told *>(user)->add(std::to_string(event) + " " + std::to_string(code));
+  static_cast<Recorder *>(user)->add(std::to_string(event) + " " + std::to_string(code));
 }
 
 // One application lifetime: connected, lost (the daemon closed the connection), connected and
 // registered again in the background, then torn down by the daemon's order.
 TEST_F(Extensions, EventsTellTheConnectionsLifeInOrder) {
-  Told told;
+  Recorder told;
   ASSERT_EQ(0, vemo_set_event_callback(record_event, &told));
   ASSERT_EQ(0, vemo_register_callback(echo, nullptr));
   ASSERT_TRUE(told.count.wait_for(1));
@@ -53,19 +33,19 @@ TEST_F(Extensions, EventsTellTheConnectionsLifeInOrder) {
 }
 
 void answer_with_user(const char *request, char **response, void *user) {
-  static_cast<Told *>(user)->add("request " + std::string(request));
+  static_cast<Recorder *>(user)->add("request " + std::string(request));
   *response = strdup((std::string(request) + "@user").c_str());
 }
 void hello_with_user(char **response, void *user) {
-  static_cast<Told *>(user)->add("hello request");
+  static_cast<Recorder *>(user)->add("hello request");
   *response = strdup("hello@user");
 }
 void hello_answer_with_user(const char *response, void *user) {
-  static_cast<Told *>(user)->add("hello response " + std::string(response));
+  static_cast<Recorder *>(user)->add("hello response " + std::string(response));
 }
 
 TEST_F(Extensions, HandlersWithAUserPointerReceiveIt) {
-  Told told;
+  Recorder told;
   const vemo_hello_cloud_ex_cb_t hello = {hello_with_user, hello_answer_with_user};
   ASSERT_EQ(0, vemo_register_callback_ex(answer_with_user, &hello, &told));
   EXPECT_EQ(1, ReceivedMethod("register_callback").at(0).hello_cloud);
@@ -81,7 +61,7 @@ TEST_F(Extensions, HandlersWithAUserPointerReceiveIt) {
 }
 
 void record_outcome(int id, int code, const char *response, void *user) {
-  static_cast<Told *>(user)->add(std::to_string(id) + " " + std::to_string(code) + " " +
+  static_cast<Recorder *>(user)->add(std::to_string(id) + " " + std::to_string(code) + " " +
                                  (response != nullptr ? response : "(null)"));
 }
 
@@ -89,7 +69,7 @@ void record_outcome(int id, int code, const char *response, void *user) {
 // reaches the callback with a user pointer, completes the synchronous call at once with the
 // daemon's code, and is what vemo_get_response returns for an asynchronous request.
 TEST_F(Extensions, ReportedFailuresCompleteTheirRequests) {
-  Told told;
+  Recorder told;
   daemon_.set_next_request_id(500);
   ASSERT_EQ(500, vemo_send_request_async_ex("fine", 3000, 0, record_outcome, &told));
   ASSERT_TRUE(told.count.wait_for(1));

@@ -3,7 +3,6 @@
 #include <string.h>
 
 #include <algorithm>
-#include <mutex>
 
 #include "support/e2e_fixture.h"
 
@@ -12,33 +11,23 @@ namespace {
 
 class Register : public E2ETest {};
 
-std::mutex g_mu;
-Strings g_calls;  // what the handlers below were handed, in order
-Counter g_called;
-void record(const std::string &what) {
-  {
-    std::lock_guard<std::mutex> hold(g_mu);
-    g_calls.push_back(what);
-  }
-  g_called.notify();
-}
+Recorder g_calls;  // what the handlers below were handed
 // Sorted: handlers run on several threads at once.
 Strings calls() {
-  std::lock_guard<std::mutex> hold(g_mu);
-  Strings sorted = g_calls;
+  Strings sorted = g_calls.all();
   std::sort(sorted.begin(), sorted.end());
   return sorted;
 }
 
 void answer_pong(const char *request, char **response) {
-  record(request);
+  g_calls.add(request);
   *response = strdup(("pong:" + std::string(request)).c_str());
 }
 void answer_other(const char *, char **response) { *response = strdup("other"); }
-void answer_nothing(const char *request, char **) { record(request); }
+void answer_nothing(const char *request, char **) { g_calls.add(request); }
 void hello_request(char **response) { *response = strdup("hello!"); }
 void other_hello_request(char **response) { *response = strdup("not this one"); }
-void hello_response(const char *response) { record("hello response " + std::string(response)); }
+void hello_response(const char *response) { g_calls.add("hello response " + std::string(response)); }
 const vemo_hello_cloud_cb_t kHello = {hello_request, hello_response};
 
 const char kReply[] = R"({"inner_error_code":0,"inner_result":{"response":"%s"}%s})";
@@ -81,6 +70,7 @@ TEST_F(Register, HandlersAnswerUntilReplacedOrUnregistered) {
   EXPECT_EQ("pong:later", Ask(32, "later"));
   EXPECT_EQ((Strings{"hello response welcome", "later", "neg", "ping", "zero"}), calls());
   EXPECT_EQ(5u, Replies().size());
+  EXPECT_TRUE(log_.summary().empty());
 
   // A second registration replaces the handler and the pair.
   ASSERT_EQ(0, vemo_register_callback(answer_other, nullptr));
@@ -110,7 +100,7 @@ TEST_F(Register, HalfPairsAndMissingAnswersSendNoReply) {
   ASSERT_EQ(0, vemo_register_callback(answer_nothing, &half));
   EXPECT_TRUE(Unhandled(Incoming::kHelloRequest));
   daemon_.send_hello_response("still heard");
-  ASSERT_TRUE(g_called.wait_for(1));
+  ASSERT_TRUE(g_calls.count.wait_for(1));
   daemon_.send_cloud_request("quiet please");
   ASSERT_TRUE(WaitLogged("task_dispatch", "ERROR", "fail to dispatch the message, error=-1"));
   EXPECT_TRUE(golden_lines({"WARN dispatch_request: the function is NULL",

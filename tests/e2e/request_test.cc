@@ -3,8 +3,8 @@
 // right behind its acknowledgement, and senders on several threads.
 #include <string.h>
 
+#include <algorithm>
 #include <map>
-#include <mutex>
 
 #include "support/e2e_fixture.h"
 
@@ -125,17 +125,8 @@ TEST_F(Request, ResponsesAreCollectedOnce) {
   EXPECT_EQ(VEMO_ERR_NOT_FOUND, vemo_get_response(40, &text));
 }
 
-// What the response callbacks of a test saw (callbacks are plain functions).
-std::mutex g_seen_mu;
-std::vector<std::pair<int, std::string>> g_seen;
-Counter g_responses;
-void record_response(int id, const char *response) {
-  {
-    std::lock_guard<std::mutex> hold(g_seen_mu);
-    g_seen.emplace_back(id, response);
-  }
-  g_responses.notify();
-}
+Recorder g_responses;  // "id text" of every response callback
+void record_response(int id, const char *response) { g_responses.add(std::to_string(id) + " " + response); }
 
 TEST_F(Request, DeviceRequestOnTheWireHasTheExactKeysInOrder) {
   ASSERT_GE(vemo_send_request_async("say \"hi\"", 3000, 7, nullptr), 0);
@@ -161,20 +152,19 @@ TEST_F(Request, ResponseRightBehindItsAcknowledgementIsNeverDropped) {
   daemon_.set_duplicate_responses(1);
   constexpr int kRequests = 200;
   std::map<int, std::string> texts;
+  Strings want;
   for (int i = 0; i < kRequests; ++i) {
     const std::string text = "r" + std::to_string(i);
     const int id = vemo_send_request_async(text.c_str(), 5000, 0, record_response);
     ASSERT_GE(id, 0) << "request " << i;
     texts[id] = text;
+    want.insert(want.end(), 2, std::to_string(id) + " " + text);
   }
-  EXPECT_TRUE(g_responses.wait_for(2 * kRequests)) << g_responses.count() << " responses arrived";
-  std::map<int, std::string> seen;
-  {
-    std::lock_guard<std::mutex> hold(g_seen_mu);
-    seen.insert(g_seen.begin(), g_seen.end());
-    EXPECT_EQ(2u * kRequests, g_seen.size());
-  }
-  EXPECT_EQ(texts, seen);
+  EXPECT_TRUE(g_responses.count.wait_for(2 * kRequests)) << g_responses.count.count() << " responses arrived";
+  Strings seen = g_responses.all();
+  std::sort(want.begin(), want.end());
+  std::sort(seen.begin(), seen.end());
+  EXPECT_EQ(want, seen);
   for (const auto &entry : texts) {
     char *text = nullptr;
     ASSERT_EQ(0, vemo_get_response(entry.first, &text)) << "request id " << entry.first;

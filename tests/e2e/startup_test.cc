@@ -172,18 +172,11 @@ TEST_F(Startup, TwoThreadsStartingAtOnceMakeOneConnection) {
   EXPECT_EQ(1, CountLogged("client_init", "DEBUG", "begin to initialize the client..."));
 }
 
-// Thread starts fail on demand through the thread-start seam.
-std::atomic<int> g_pass_first{0};  // starts that succeed before the failing ones
-std::atomic<int> g_fail_next{0};   // starts that fail after those
-bool take_one(std::atomic<int> &counter) {
-  int n = counter.load();
-  while (n > 0 && !counter.compare_exchange_weak(n, n - 1)) {
-  }
-  return n > 0;
-}
+// Thread starts fail on demand through the thread-start seam: after this many more pass, one
+// fails (below zero: none).
+std::atomic<int> g_fail_after{-1};
 int flaky_starter(pthread_t *thread, const pthread_attr_t *attr, void *(*entry)(void *), void *arg) {
-  if (!take_one(g_pass_first) && take_one(g_fail_next)) return EAGAIN;
-  return pthread_create(thread, attr, entry, arg);
+  return g_fail_after.fetch_sub(1) == 0 ? EAGAIN : pthread_create(thread, attr, entry, arg);
 }
 
 // A start-up whose timeout task (started first) or receiving task cannot start fails with
@@ -194,12 +187,11 @@ TEST_F(Startup, ThreadsThatCannotStart) {
   vemo::task_pool_set_thread_starter(flaky_starter);
   const char kNoTask[] = "ERROR client_init: fail to start the task to receive the message, error=-10000";
   const char kNoFd10000[] = "ERROR send_with_recv: fail to get the file description of the client, error=-10000";
-  g_fail_next = 1;
+  g_fail_after = 0;
   EXPECT_EQ(VEMO_ERR_NO_RESOURCE, vemo_reconnect_cloud());
   EXPECT_TRUE(golden_lines({kNoTask, kNoFd10000}, log_.summary()));
   EXPECT_EQ(1, CountLogged("client_destroy", "DEBUG", "end to destroy the client..."));
-  g_pass_first = 1;
-  g_fail_next = 1;
+  g_fail_after = 1;
   EXPECT_EQ(VEMO_ERR_NO_RESOURCE, vemo_reconnect_cloud());
   EXPECT_TRUE(golden_lines({kNoTask, kNoFd10000, kNoTask, kNoFd10000}, log_.summary()));
   // The timeout task that did start was waited out by the teardown of the failed start-up.
@@ -208,7 +200,7 @@ TEST_F(Startup, ThreadsThatCannotStart) {
 
   ASSERT_EQ(0, vemo_register_callback(echo, nullptr));
   EXPECT_EQ(3, daemon_.connections_seen());
-  g_fail_next = 1;
+  g_fail_after = 0;
   EXPECT_EQ("no thread for me", Ask(5, "no thread for me"));
   EXPECT_EQ(Strings{"fail to create a task to dispatch the message, error=-10000"}, Messages("task_receive", "WARN"));
   vemo::task_pool_set_thread_starter(nullptr);

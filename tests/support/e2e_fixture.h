@@ -13,6 +13,7 @@
 #include <chrono>
 #include <functional>
 #include <future>
+#include <mutex>
 #include <optional>
 #include <string>
 #include <vector>
@@ -67,6 +68,27 @@ T FinishOrDie(std::future<T> &result, int bound_ms, const char *what) {
     die_hung(what, bound_ms);
   return result.get();
 }
+
+// What callbacks were handed, as texts, from any thread; count is bumped after each.
+class Recorder {
+ public:
+  void add(const std::string &what) {
+    {
+      std::lock_guard<std::mutex> hold(mu_);
+      seen_.push_back(what);
+    }
+    count.notify();
+  }
+  Strings all() {
+    std::lock_guard<std::mutex> hold(mu_);
+    return seen_;
+  }
+  Counter count;
+
+ private:
+  std::mutex mu_;
+  Strings seen_;
+};
 
 // A child process whose standard output goes to a file (read with output()).
 class ChildProcess {
