@@ -18,6 +18,7 @@
 #include <string>
 #include <vector>
 
+#include "support/child_process.h"
 #include "support/log_capture.h"
 #include "support/socket_pair.h"
 #include "support/waits.h"
@@ -31,6 +32,7 @@ namespace vemo_e2e {
 using vemo::cloudd::CloudDaemon;
 using vemo::cloudd::Received;
 using vemo::cloudd::Sent;
+using vemo_test::ChildProcess;
 using vemo_test::Counter;
 using vemo_test::eventually;
 using vemo_test::frame_of;
@@ -88,26 +90,6 @@ class Recorder {
  private:
   std::mutex mu_;
   Strings seen_;
-};
-
-// A child process whose standard output goes to a file (read with output()).
-class ChildProcess {
- public:
-  ChildProcess() = default;
-  ~ChildProcess();  // kills the child if it still runs
-  ChildProcess(const ChildProcess &) = delete;
-  ChildProcess &operator=(const ChildProcess &) = delete;
-  // extra_env entries are "NAME=VALUE", added to this process's environment.
-  bool start(const Strings &argv, const Strings &extra_env = {});
-  // The exit status as from waitpid; nullopt while the child runs on after timeout_ms.
-  std::optional<int> wait_exit(int timeout_ms = kWaitMs);
-  std::string output();
-
- private:
-  pid_t pid_ = -1;
-  bool exited_ = false;
-  int status_ = 0;
-  std::string out_path_;
 };
 
 // What reaches the client in the checks of "no handler".
