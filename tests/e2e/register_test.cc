@@ -142,18 +142,5 @@ TEST_F(Register, RefusedCallsChangeNoHandler) {
   EXPECT_EQ(Strings{"still there?"}, calls());
 }
 
-TEST_F(Register, ReconnectReturnsTheAcknowledgementValue) {
-  EXPECT_EQ(0, vemo_reconnect_cloud());
-  std::optional<Received> sent = daemon_.wait_for_method("reconnect_cloud", kWaitMs);
-  ASSERT_TRUE(sent.has_value());
-  EXPECT_TRUE(vemo_test::golden_match(R"({"inner_method":"reconnect_cloud","inner_id":<num>})", sent->text));
-  daemon_.set_ack_code("reconnect_cloud", -9);
-  EXPECT_EQ(-9, vemo_reconnect_cloud());
-  daemon_.set_ack_code("reconnect_cloud", 17);
-  EXPECT_EQ(17, vemo_reconnect_cloud());
-  EXPECT_TRUE(Messages("vemo_reconnect_cloud").empty());
-  EXPECT_EQ(1, daemon_.connections_seen());
-}
-
 }  // namespace
 }  // namespace vemo_e2e

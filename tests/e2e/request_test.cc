@@ -67,6 +67,13 @@ TEST_F(Request, AcknowledgementDecidesTheResult) {
   char *text = nullptr;
   EXPECT_EQ(VEMO_ERR_NOT_FOUND, vemo_get_response(-7, &text));  // a refusal enters nothing
   EXPECT_EQ(VEMO_ERR_NOT_ARRIVED, vemo_get_response(0, &text));  // 0 is an id like any other
+  // A control call returns its acknowledgement's value, positive too, without a line of its own.
+  for (int code : {-9, 17, 0}) {
+    daemon_.set_ack_code("reconnect_cloud", code);
+    EXPECT_EQ(code, vemo_reconnect_cloud());
+  }
+  EXPECT_TRUE(Messages("vemo_reconnect_cloud").empty());
+  EXPECT_EQ(1, daemon_.connections_seen());
 }
 
 // A refused call leaves the caller's pointer as it was, sends nothing and says why.
