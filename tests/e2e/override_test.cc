@@ -19,11 +19,7 @@ void tracked_answer(const char *request, char **response) { *response = strdup(r
 
 TEST_F(Override, TextsCrossBetweenTheTrackedApplicationAndTheLibrary) {
   ASSERT_EQ(0, vemo_register_callback(tracked_answer, nullptr));
-  daemon_.set_next_cloud_request_id(6);
-  daemon_.send_cloud_request("a tracked answer");
-  std::optional<Received> reply = daemon_.wait_for_reply(6, kWaitMs);
-  ASSERT_TRUE(reply.has_value());
-  EXPECT_EQ("a tracked answer", reply->response);
+  EXPECT_EQ("a tracked answer", Ask(6, "a tracked answer"));
   char *text = nullptr;
   ASSERT_EQ(0, vemo_send_request_sync("freed with the mapped free", 3000, 0, &text));
   free(text);

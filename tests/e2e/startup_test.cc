@@ -1,178 +1,135 @@
-// The lazy start-up over /tmp/cloud_svr: no daemon, a refused or malformed greeting, a silent
-// daemon, and several threads starting the client at once.
-#include <dirent.h>
+// The lazy start-up over /tmp/cloud_svr: no daemon, a dead socket file, refused, malformed and
+// missing greetings, tasks that cannot start, and several threads starting at once.
+#include <errno.h>
+#include <string.h>
 #include <sys/socket.h>
 #include <sys/un.h>
-#include <string.h>
 #include <unistd.h>
 
 #include <atomic>
-#include <chrono>
-#include <future>
 
 #include "support/e2e_fixture.h"
+#include "util/task_pool_seam.h"
 
 namespace vemo_e2e {
 namespace {
-
-using Strings = std::vector<std::string>;
 
 class NoDaemon : public E2ETest {
  protected:
   bool start_daemon_in_setup() const override { return false; }
 };
-
 class Startup : public E2ETest {};
 
-int open_descriptors() {
-  int n = 0;
-  DIR *dir = opendir("/proc/self/fd");
-  if (dir == nullptr) return -1;
-  while (readdir(dir) != nullptr) ++n;
-  closedir(dir);
-  return n;
+const char kNoServer[] = "WARN client_init: the socket server is not started";
+const char kNoFd[] = "ERROR send_with_recv: fail to get the file description of the client, error=-1100";
+
+int dead_socket_file() {
+  const int fd = socket(AF_UNIX, SOCK_STREAM, 0);
+  struct sockaddr_un addr = {};
+  addr.sun_family = AF_UNIX;
+  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", VEMO_SOCKET_PATH);
+  bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr);
+  close(fd);
+  const int rc = vemo_reconnect_cloud();
+  unlink(VEMO_SOCKET_PATH);
+  return rc;
 }
 
-void never_called(const char *, char **) { ADD_FAILURE() << "the handler must not be called"; }
+struct CallRow {
+  const char *name;
+  std::function<int()> call;
+  int code;
+  Strings lines;  // every WARN and ERROR line of the call
+};
 
-const char kGreetingType0[] = R"({"inner_method":"server_notify","inner_params":{"type":0}})";
-
-TEST_F(NoDaemon, AsyncRequestFailsWith1100AndLogsEveryStep) {
-  EXPECT_EQ(VEMO_ERR_NO_SERVER, vemo_send_request_async("hi", 1000, 0, nullptr));
-  Strings failures;
-  for (const std::string &line : log_.lines()) {
-    LogLine l;
-    if (parse_log_line(line, &l) && l.level != "DEBUG") failures.push_back(l.function + ": " + l.message);
-  }
-  EXPECT_EQ((Strings{"client_init: the socket server is not started",
-                     "send_with_recv: fail to get the file description of the client, error=-1100",
-                     "vemo_send_request_async: fail to send the request, error=-1100"}),
-            failures);
-  EXPECT_EQ(Strings{"the socket server is not started"}, Messages("client_init", "WARN"));
-}
-
-TEST_F(NoDaemon, EveryCallFailsWith1100AndOpensNoSocket) {
-  const int before = open_descriptors();
+// Every call fails at once, opens nothing and says why (a dead socket file too); the first call after the daemon is up
+// connects, and the registration that failed left no handler.
+TEST_F(NoDaemon, EveryCallFailsWith1100UntilTheDaemonIsUp) {
+  const int descriptors = vemo_test::open_descriptor_count();
   char *response = nullptr;
-  EXPECT_EQ(VEMO_ERR_NO_SERVER, vemo_send_request_async("a", 1000, 0, nullptr));
-  EXPECT_EQ(VEMO_ERR_NO_SERVER, vemo_send_request_sync("b", 1000, 0, &response));
+  const CallRow rows[] = {
+      {"async", [] { return vemo_send_request_async("a", 1000, 0, nullptr); }, VEMO_ERR_NO_SERVER,
+       {kNoServer, kNoFd, "ERROR vemo_send_request_async: fail to send the request, error=-1100"}},
+      {"sync", [&] { return vemo_send_request_sync("b", 1000, 0, &response); }, VEMO_ERR_NO_SERVER,
+       {kNoServer, kNoFd, "ERROR vemo_send_request_async: fail to send the request, error=-1100"}},
+      {"register", [] { return vemo_register_callback(echo, nullptr); }, VEMO_ERR_NO_SERVER,
+       {kNoServer, kNoFd, "ERROR vemo_register_callback: fail to register the client to the server, error=-1100"}},
+      {"unregister", [] { return vemo_unregister_callback(); }, VEMO_ERR_NO_SERVER,
+       {kNoServer, kNoFd, "ERROR vemo_unregister_callback: fail to clear the client from the server, error=-1100"}},
+      {"reconnect", [] { return vemo_reconnect_cloud(); }, VEMO_ERR_NO_SERVER, {kNoServer, kNoFd}},
+      {"get_response", [&] { return vemo_get_response(1000, &response); }, VEMO_ERR_NOT_FOUND, {}},
+      {"socket file without listener, as a crashed daemon leaves it", dead_socket_file, VEMO_ERR_DISCONNECTED,
+       {"ERROR ipc_socket_init_as_client: fail to connect the unix socket, error=111",
+        "ERROR connect_server: fail to initialize the socket client, code=-1101",
+        "ERROR client_init: fail to connect to the server, code=-1101",
+        "ERROR send_with_recv: fail to get the file description of the client, error=-1101"}},
+  };
+  for (const CallRow &row : rows) {
+    SCOPED_TRACE(row.name);
+    log_.clear();
+    EXPECT_EQ(row.code, row.call());
+    EXPECT_TRUE(golden_lines(row.lines, log_.summary()));
+  }
   EXPECT_EQ(nullptr, response);
-  EXPECT_EQ(VEMO_ERR_NO_SERVER, vemo_register_callback(never_called, nullptr));
-  EXPECT_EQ(VEMO_ERR_NO_SERVER, vemo_unregister_callback());
-  EXPECT_EQ(VEMO_ERR_NO_SERVER, vemo_reconnect_cloud());
-  EXPECT_EQ(VEMO_ERR_NOT_FOUND, vemo_get_response(1000, &response));
-  EXPECT_EQ(before, open_descriptors());
-  EXPECT_EQ(5, CountLogged("client_init", "WARN", "the socket server is not started"));
-  EXPECT_EQ(5, CountLogged("send_with_recv", "ERROR",
-                           "fail to get the file description of the client, error=-1100"));
-  EXPECT_EQ(Strings{"fail to register the client to the server, error=-1100"},
-            Messages("vemo_register_callback", "ERROR"));
-  EXPECT_EQ(Strings{"fail to clear the client from the server, error=-1100"},
-            Messages("vemo_unregister_callback", "ERROR"));
-  EXPECT_TRUE(Messages("connect_server").empty());
-  EXPECT_TRUE(Messages("ipc_socket_init_as_client").empty());
-}
+  EXPECT_EQ(descriptors, vemo_test::open_descriptor_count());
 
-TEST_F(NoDaemon, NextCallConnectsOnceTheDaemonIsUp) {
-  EXPECT_EQ(VEMO_ERR_NO_SERVER, vemo_send_request_async("early", 1000, 0, nullptr));
   ASSERT_NO_FATAL_FAILURE(StartDaemon());
   daemon_.set_next_request_id(77);
   EXPECT_EQ(77, vemo_send_request_async("late", 1000, 0, nullptr));
   EXPECT_EQ(1, daemon_.connections_seen());
   EXPECT_EQ(1, CountLogged("client_init", "DEBUG", "end to initialize the client..."));
+  EXPECT_TRUE(Unhandled(Incoming::kCloudRequest));
 }
 
-TEST_F(NoDaemon, RegistrationWithoutDaemonLeavesNoHandler) {
-  EXPECT_EQ(VEMO_ERR_NO_SERVER, vemo_register_callback(never_called, nullptr));
-  ASSERT_NO_FATAL_FAILURE(StartDaemon());
-  ASSERT_NO_FATAL_FAILURE(Connect());
-  daemon_.send_cloud_request("anyone there?");
-  EXPECT_TRUE(WaitLogged("task_dispatch", "ERROR", "fail to dispatch the message, error=-20103"));
-  EXPECT_EQ(Strings{"the function is NULL"}, Messages("dispatch_request", "WARN"));
-  EXPECT_TRUE(Replies().empty());
-}
+struct GreetingRow {
+  const char *name;
+  const char *greeting;
+  int code;
+  Strings lines;
+};
 
-TEST_F(NoDaemon, SocketFileWithoutListenerFailsToConnect) {
-  // A socket file that nobody listens on, as a crashed daemon leaves it.
-  int fd = socket(AF_UNIX, SOCK_STREAM, 0);
-  ASSERT_GE(fd, 0);
-  struct sockaddr_un addr = {};
-  addr.sun_family = AF_UNIX;
-  snprintf(addr.sun_path, sizeof addr.sun_path, "%s", VEMO_SOCKET_PATH);
-  ASSERT_EQ(0, bind(fd, reinterpret_cast<struct sockaddr *>(&addr), sizeof addr));
-  close(fd);
-  EXPECT_EQ(VEMO_ERR_DISCONNECTED, vemo_reconnect_cloud());
-  unlink(VEMO_SOCKET_PATH);
-  EXPECT_EQ(Strings{"fail to initialize the socket client, code=-1101"},
-            Messages("connect_server", "ERROR"));
-  EXPECT_EQ(Strings{"fail to connect to the server, code=-1101"}, Messages("client_init", "ERROR"));
-}
-
-TEST_F(Startup, GreetingOfType1IsRefusedAndTheClientStaysIdle) {
-  daemon_.set_greeting(1);
-  EXPECT_EQ(VEMO_ERR_DISCONNECTED, vemo_send_request_async("refused", 1000, 0, nullptr));
-  EXPECT_EQ(Strings{"fail to check the notify message from the server, code=-1101"},
-            Messages("connect_server", "ERROR"));
-  EXPECT_EQ(Strings{"fail to connect to the server, code=-1101"}, Messages("client_init", "ERROR"));
-  EXPECT_EQ(Strings{"fail to get the file description of the client, error=-1101"},
-            Messages("send_with_recv", "ERROR"));
-  EXPECT_TRUE(daemon_.wait_for_open_connections(0, kWaitMs)) << "the refused socket stays open";
-  EXPECT_TRUE(ReceivedMethod("device_request").empty());
-  char *response = nullptr;
-  EXPECT_EQ(VEMO_ERR_NOT_FOUND, vemo_get_response(1000, &response));
-
-  // Idle, not broken: the next call connects anew.
-  daemon_.set_greeting(0);
-  daemon_.set_next_request_id(500);
-  EXPECT_EQ(500, vemo_send_request_async("accepted", 1000, 0, nullptr));
-  EXPECT_EQ(2, daemon_.connections_seen());
-}
-
-TEST_F(Startup, GreetingOfAnotherTypeIsAccepted) {
-  daemon_.set_greeting(2);
-  EXPECT_EQ(0, vemo_reconnect_cloud());
-  EXPECT_EQ(1, daemon_.open_connections());
-  EXPECT_TRUE(Messages("connect_server").empty());
-}
-
-TEST_F(Startup, GreetingThatIsNotJsonIsRefused) {
+// A refused greeting closes the socket and leaves the client idle, not broken: each row's call
+// connects anew. Only a response notification can dispatch to a positive result (the daemon's
+// own code); it refuses the connection like any failure, with a negative code for the caller.
+TEST_F(Startup, GreetingsAreCheckedBeforeTheClientIsUsed) {
+  const std::string fd_line = "ERROR send_with_recv: fail to get the file description of the client, error=";
+  const GreetingRow rows[] = {
+      {"type 1", R"({"inner_method":"server_notify","inner_params":{"type":1}})", VEMO_ERR_DISCONNECTED,
+       {"ERROR connect_server: fail to check the notify message from the server, code=-1101",
+        "ERROR client_init: fail to connect to the server, code=-1101", fd_line + "-1101"}},
+      {"not JSON", "hello, client", VEMO_ERR_BAD_FORMAT,
+       {"ERROR dispatch_message: fail to parse the message",
+        "ERROR connect_server: fail to check the notify message from the server, code=-10100",
+        "ERROR client_init: fail to connect to the server, code=-10100", fd_line + "-10100"}},
+      {"no type", R"({"inner_method":"server_notify","inner_params":{}})", VEMO_ERR_MISSING_KEY,
+       {"ERROR dispatch_request: fail to get the type from the parameters",
+        "ERROR connect_server: fail to check the notify message from the server, code=-20104",
+        "ERROR client_init: fail to connect to the server, code=-20104", fd_line + "-20104"}},
+      {"positive code", R"({"inner_error_code":5})", VEMO_ERR_DISCONNECTED,
+       {"ERROR dispatch_notify: the error code of the response=5",
+        "ERROR connect_server: fail to check the notify message from the server, code=5",
+        "ERROR client_init: fail to connect to the server, code=-1101", fd_line + "-1101"}},
+      // The one wait for the full 5000 ms.
+      {"silent daemon", "", VEMO_ERR_RECV_TIMEOUT,
+       {"ERROR connect_server: fail to receive the message, error=-3000",
+        "ERROR client_init: fail to connect to the server, code=-3000", fd_line + "-3000"}},
+      {"type 2", R"({"inner_method":"server_notify","inner_params":{"type":2}})", 0, {}},
+  };
   daemon_.disable_greeting();
-  EXPECT_EQ(VEMO_ERR_BAD_FORMAT, CallWithGreeting("hello, client", [] { return vemo_reconnect_cloud(); }));
-  EXPECT_EQ(Strings{"fail to parse the message"}, Messages("dispatch_message", "ERROR"));
-  EXPECT_EQ(Strings{"fail to check the notify message from the server, code=-10100"},
-            Messages("connect_server", "ERROR"));
-  EXPECT_EQ(Strings{"fail to connect to the server, code=-10100"}, Messages("client_init", "ERROR"));
-  EXPECT_TRUE(daemon_.wait_for_open_connections(0, kWaitMs));
-}
-
-TEST_F(Startup, GreetingWithoutTypeIsRefused) {
-  daemon_.disable_greeting();
-  EXPECT_EQ(VEMO_ERR_MISSING_KEY,
-            CallWithGreeting(R"({"inner_method":"server_notify","inner_params":{}})",
-                             [] { return vemo_reconnect_cloud(); }));
-  EXPECT_EQ(Strings{"fail to get the type from the parameters"}, Messages("dispatch_request", "ERROR"));
-  EXPECT_TRUE(daemon_.wait_for_open_connections(0, kWaitMs));
-}
-
-// Only a response notification can dispatch to a positive result: the daemon's own code. It
-// refuses the connection like any failure, and the caller sees a negative code.
-TEST_F(Startup, GreetingWithPositiveDaemonCodeFailsTheConnection) {
-  daemon_.disable_greeting();
-  EXPECT_EQ(VEMO_ERR_DISCONNECTED,
-            CallWithGreeting(R"({"inner_error_code":5})", [] { return vemo_reconnect_cloud(); }));
-  EXPECT_EQ(Strings{"the error code of the response=5"}, Messages("dispatch_notify", "ERROR"));
-  EXPECT_EQ(Strings{"fail to check the notify message from the server, code=5"},
-            Messages("connect_server", "ERROR"));
-  EXPECT_EQ(Strings{"fail to connect to the server, code=-1101"}, Messages("client_init", "ERROR"));
-  EXPECT_TRUE(daemon_.wait_for_open_connections(0, kWaitMs));
-  // Nothing of the failed start-up is left: the next call starts from scratch.
-  daemon_.set_greeting(0);
-  EXPECT_EQ(0, vemo_reconnect_cloud());
-  EXPECT_EQ(2, daemon_.connections_seen());
+  for (const GreetingRow &row : rows) {
+    SCOPED_TRACE(row.name);
+    log_.clear();
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(row.code, CallWithGreeting(row.greeting, [] { return vemo_reconnect_cloud(); }, 8000));
+    EXPECT_EQ(row.code == VEMO_ERR_RECV_TIMEOUT, std::chrono::steady_clock::now() - start > std::chrono::milliseconds(4990));
+    EXPECT_TRUE(golden_lines(row.lines, log_.summary()));
+    EXPECT_TRUE(daemon_.wait_for_open_connections(row.code == 0 ? 1 : 0, kWaitMs)) << "the socket stays open";
+  }
+  EXPECT_EQ(6, daemon_.connections_seen());
+  EXPECT_EQ(1u, ReceivedMethod("reconnect_cloud").size()) << "a refused connection was used";
 }
 
 std::atomic<int> g_call_in_greeting{1};
-
 void calls_from_the_greeting(const char *request, char **response) {
   g_call_in_greeting = vemo_send_request_async("inside the greeting", 1000, 0, nullptr);
   *response = strdup(("seen:" + std::string(request)).c_str());
@@ -193,20 +150,6 @@ TEST_F(Startup, HandlerCalledFromTheGreetingDoesNotWaitForItsOwnStartup) {
   EXPECT_EQ(1u, ReceivedMethod("register_callback").size());
 }
 
-// The one test of the full greeting wait (5000 ms).
-TEST_F(Startup, SilentDaemonTimesOutAfter5000Ms) {
-  daemon_.disable_greeting();
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(VEMO_ERR_RECV_TIMEOUT, vemo_reconnect_cloud());
-  const auto waited = std::chrono::duration_cast<std::chrono::milliseconds>(
-                          std::chrono::steady_clock::now() - start).count();
-  EXPECT_GE(waited, 4990);
-  EXPECT_LT(waited, 8000);
-  EXPECT_EQ(Strings{"fail to receive the message, error=-3000"}, Messages("connect_server", "ERROR"));
-  EXPECT_EQ(Strings{"fail to connect to the server, code=-3000"}, Messages("client_init", "ERROR"));
-  EXPECT_TRUE(daemon_.wait_for_open_connections(0, kWaitMs)) << "the socket stays open";
-}
-
 TEST_F(Startup, TwoThreadsStartingAtOnceMakeOneConnection) {
   daemon_.disable_greeting();
   daemon_.set_next_request_id(300);
@@ -219,14 +162,48 @@ TEST_F(Startup, TwoThreadsStartingAtOnceMakeOneConnection) {
     second_tid = current_tid();
     return vemo_send_request_async("second", 3000, 0, nullptr);
   });
-  ASSERT_TRUE(wait_until([&] { return second_tid.load() != 0; }));
+  ASSERT_TRUE(eventually([&] { return second_tid.load() != 0; }));
   EXPECT_TRUE(wait_thread_in_futex(second_tid.load())) << "the second thread never waited";
-  EXPECT_EQ(1, daemon_.send_text(kGreetingType0, 1));
+  EXPECT_EQ(1, daemon_.send_text(R"({"inner_method":"server_notify","inner_params":{"type":0}})", 1));
   EXPECT_EQ(0, FinishOrDie(first, kWaitMs, "the first start-up"));
   EXPECT_EQ(300, FinishOrDie(second, kWaitMs, "the second caller"));
   EXPECT_EQ(1, daemon_.connections_seen());
   EXPECT_EQ(Strings{"the client is already available"}, Messages("client_init", "WARN"));
   EXPECT_EQ(1, CountLogged("client_init", "DEBUG", "begin to initialize the client..."));
+}
+
+// Thread starts fail on demand through the thread-start seam: after this many more pass, one
+// fails (below zero: none).
+std::atomic<int> g_fail_after{-1};
+int flaky_starter(pthread_t *thread, const pthread_attr_t *attr, void *(*entry)(void *), void *arg) {
+  return g_fail_after.fetch_sub(1) == 0 ? EAGAIN : pthread_create(thread, attr, entry, arg);
+}
+
+// A start-up whose timeout task (started first) or receiving task cannot start fails with
+// -10000 under client_init and leaves nothing behind. A message whose handler thread cannot
+// start waits for the receiving task's next quiet turn: answered, not dropped, and never run on
+// the receiving task.
+TEST_F(Startup, ThreadsThatCannotStart) {
+  vemo::task_pool_set_thread_starter(flaky_starter);
+  const char kNoTask[] = "ERROR client_init: fail to start the task to receive the message, error=-10000";
+  const char kNoFd10000[] = "ERROR send_with_recv: fail to get the file description of the client, error=-10000";
+  g_fail_after = 0;
+  EXPECT_EQ(VEMO_ERR_NO_RESOURCE, vemo_reconnect_cloud());
+  EXPECT_TRUE(golden_lines({kNoTask, kNoFd10000}, log_.summary()));
+  EXPECT_EQ(1, CountLogged("client_destroy", "DEBUG", "end to destroy the client..."));
+  g_fail_after = 1;
+  EXPECT_EQ(VEMO_ERR_NO_RESOURCE, vemo_reconnect_cloud());
+  EXPECT_TRUE(golden_lines({kNoTask, kNoFd10000, kNoTask, kNoFd10000}, log_.summary()));
+  // The timeout task that did start was waited out by the teardown of the failed start-up.
+  EXPECT_EQ(1, CountLogged("task_timeout_check", "DEBUG", "end the task to check the time out..."));
+  EXPECT_TRUE(daemon_.wait_for_open_connections(0, kWaitMs)) << "the socket stays open";
+
+  ASSERT_EQ(0, vemo_register_callback(echo, nullptr));
+  EXPECT_EQ(3, daemon_.connections_seen());
+  g_fail_after = 0;
+  EXPECT_EQ("no thread for me", Ask(5, "no thread for me"));
+  EXPECT_EQ(Strings{"fail to create a task to dispatch the message, error=-10000"}, Messages("task_receive", "WARN"));
+  vemo::task_pool_set_thread_starter(nullptr);
 }
 
 }  // namespace

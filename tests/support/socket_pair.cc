@@ -6,6 +6,8 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <functional>
+
 #include "ipc/frame_codec.h"
 
 namespace vemo_test {
@@ -44,9 +46,8 @@ std::string frame_of(const std::string &text) {
 }
 
 bool write_all(int fd, const std::string &bytes) {
-  size_t done = 0;
-  while (done < bytes.size()) {
-    ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
+  for (size_t done = 0; done < bytes.size();) {
+    const ssize_t n = write(fd, bytes.data() + done, bytes.size() - done);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return false;
     done += static_cast<size_t>(n);
@@ -57,34 +58,27 @@ bool write_all(int fd, const std::string &bytes) {
 std::string read_available(int fd) {
   std::string out;
   char buffer[4096];
-  for (;;) {
-    ssize_t n = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT);
-    if (n <= 0) break;
-    out.append(buffer, static_cast<size_t>(n));
-  }
+  for (ssize_t n; (n = recv(fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0;) out.append(buffer, n);
   return out;
 }
 
-std::string read_exactly(int fd, size_t count) {
-  std::string out(count, '\0');
-  size_t done = 0;
-  while (done < count) {
-    ssize_t n = read(fd, &out[done], count - done);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    done += static_cast<size_t>(n);
+namespace {
+// Calls visit with the name of every entry of directory but "." and "..".
+void each_entry(const std::string &directory, const std::function<void(const std::string &)> &visit) {
+  DIR *dir = opendir(directory.c_str());
+  if (dir == nullptr) return;
+  while (struct dirent *entry = readdir(dir)) {
+    const std::string name = entry->d_name;
+    if (name != "." && name != "..") visit(name);
   }
-  out.resize(done);
-  return out;
+  closedir(dir);
 }
+}  // namespace
 
 int open_descriptor_count() {
-  DIR *dir = opendir("/proc/self/fd");
-  if (dir == nullptr) return -1;
   int count = 0;
-  while (readdir(dir) != nullptr) ++count;
-  closedir(dir);
-  return count - 3;  // ".", ".." and the directory's own descriptor
+  each_entry("/proc/self/fd", [&count](const std::string &) { ++count; });
+  return count - 1;  // the directory's own descriptor
 }
 
 TempSocketPath::TempSocketPath() {
@@ -95,13 +89,7 @@ TempSocketPath::TempSocketPath() {
 
 TempSocketPath::~TempSocketPath() {
   if (directory_.empty()) return;
-  if (DIR *dir = opendir(directory_.c_str())) {
-    while (struct dirent *entry = readdir(dir)) {
-      std::string name = entry->d_name;
-      if (name != "." && name != "..") unlink((directory_ + "/" + name).c_str());
-    }
-    closedir(dir);
-  }
+  each_entry(directory_, [this](const std::string &name) { unlink((directory_ + "/" + name).c_str()); });
   rmdir(directory_.c_str());
 }
 

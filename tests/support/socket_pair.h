@@ -1,4 +1,4 @@
-// Connected Unix stream sockets and raw byte helpers for transport tests.
+// Connected Unix stream sockets, the frame builder and raw byte helpers for transport tests.
 #ifndef VEMO_TESTS_SUPPORT_SOCKET_PAIR_H
 #define VEMO_TESTS_SUPPORT_SOCKET_PAIR_H
 
@@ -36,12 +36,8 @@ std::string frame_with_length(uint32_t length, const std::string &body = "");
 
 // Writes every byte with write(2) (not through the library's seam). False on failure.
 bool write_all(int fd, const std::string &bytes);
-
 // Reads whatever is queued on fd without waiting.
 std::string read_available(int fd);
-// Reads exactly count bytes, waiting as needed; fewer only at end of stream or on failure.
-std::string read_exactly(int fd, size_t count);
-
 // The number of descriptors open in this process.
 int open_descriptor_count();
 

@@ -10,78 +10,61 @@ namespace {
 std::atomic<SysFaults *> g_current{nullptr};
 
 const vemo::sys::Ops &real() { return vemo::sys::real_ops(); }
-SysFaults &current() { return *g_current.load(); }
+SysFaults &now() { return *g_current.load(); }
+size_t capped(size_t count, size_t chunk) { return chunk > 0 ? std::min(chunk, count) : count; }
 
 int fake_socket(int domain, int type, int protocol) {
-  if (current().socket.next()) return -1;
-  return real().socket(domain, type, protocol);
+  return now().socket.next() ? -1 : real().socket(domain, type, protocol);
 }
 int fake_bind(int fd, const struct sockaddr *address, socklen_t length) {
-  current().last_bind_length = static_cast<int>(length);
-  if (current().bind.next()) return -1;
-  return real().bind(fd, address, length);
+  now().last_bind_length = static_cast<int>(length);
+  return now().bind.next() ? -1 : real().bind(fd, address, length);
 }
-int fake_listen(int fd, int backlog) {
-  if (current().listen.next()) return -1;
-  return real().listen(fd, backlog);
-}
+int fake_listen(int fd, int backlog) { return now().listen.next() ? -1 : real().listen(fd, backlog); }
 int fake_connect(int fd, const struct sockaddr *address, socklen_t length) {
-  current().last_connect_length = static_cast<int>(length);
-  if (current().connect.next()) return -1;
-  return real().connect(fd, address, length);
+  now().last_connect_length = static_cast<int>(length);
+  return now().connect.next() ? -1 : real().connect(fd, address, length);
 }
 ssize_t fake_send(int fd, const void *buffer, size_t count, int flags) {
-  current().last_send_flags = flags;
-  if (current().send.next()) return -1;
-  size_t chunk = current().send_chunk;
-  return real().send(fd, buffer, chunk > 0 ? std::min(chunk, count) : count, flags);
+  now().last_send_flags = flags;
+  return now().send.next() ? -1 : real().send(fd, buffer, capped(count, now().send_chunk), flags);
 }
 // Scripted as send: both are "a send" to the tests. A chunk cap trims the parts handed over.
 ssize_t fake_sendmsg(int fd, const struct msghdr *message, int flags) {
-  current().last_send_flags = flags;
-  if (current().send.next()) return -1;
-  size_t chunk = current().send_chunk;
+  now().last_send_flags = flags;
+  if (now().send.next()) return -1;
+  size_t chunk = now().send_chunk;
   if (chunk == 0) return real().sendmsg(fd, message, flags);
   struct iovec parts[8];
   struct msghdr trimmed = *message;
   trimmed.msg_iov = parts;
   trimmed.msg_iovlen = 0;
-  for (size_t i = 0; i < message->msg_iovlen && i < 8 && chunk > 0; ++i) {
+  for (size_t i = 0; i < message->msg_iovlen && i < 8 && chunk > 0; ++i, ++trimmed.msg_iovlen) {
     parts[i] = message->msg_iov[i];
     parts[i].iov_len = std::min(parts[i].iov_len, chunk);
     chunk -= parts[i].iov_len;
-    ++trimmed.msg_iovlen;
   }
   return real().sendmsg(fd, &trimmed, flags);
 }
 ssize_t fake_recv(int fd, void *buffer, size_t count, int flags) {
-  if (current().recv.next()) return -1;
-  size_t chunk = current().recv_chunk;
-  return real().recv(fd, buffer, chunk > 0 ? std::min(chunk, count) : count, flags);
+  return now().recv.next() ? -1 : real().recv(fd, buffer, capped(count, now().recv_chunk), flags);
 }
 int fake_poll(struct pollfd *fds, nfds_t count, int timeout_ms) {
-  current().last_poll_timeout = timeout_ms;
-  current().last_poll_events = count > 0 ? fds[0].events : 0;
-  if (current().poll.next()) return -1;
-  return real().poll(fds, count, timeout_ms);
+  now().last_poll_timeout = timeout_ms;
+  now().last_poll_events = count > 0 ? fds[0].events : 0;
+  return now().poll.next() ? -1 : real().poll(fds, count, timeout_ms);
 }
 int fake_fcntl(int fd, int command, int argument) {
-  if (current().fcntl.next()) return -1;
-  return real().fcntl(fd, command, argument);
+  return now().fcntl.next() ? -1 : real().fcntl(fd, command, argument);
 }
 int fake_shutdown(int fd, int how) {
-  current().last_shutdown_how = how;
-  if (current().shutdown.next()) return -1;
-  return real().shutdown(fd, how);
+  now().last_shutdown_how = how;
+  return now().shutdown.next() ? -1 : real().shutdown(fd, how);
 }
-int fake_close(int fd) {
-  if (current().close.next()) return -1;
-  return real().close(fd);
-}
+int fake_close(int fd) { return now().close.next() ? -1 : real().close(fd); }
 void *fake_malloc(size_t size) {
-  current().last_malloc_size = size;
-  if (current().malloc.next()) return nullptr;
-  return real().malloc(size);
+  now().last_malloc_size = size;
+  return now().malloc.next() ? nullptr : real().malloc(size);
 }
 
 }  // namespace
@@ -92,12 +75,10 @@ bool CallScript::next() {
     --pass;
     return false;
   }
-  if (fail.load() > 0) {
-    --fail;
-    errno = error.load();
-    return true;
-  }
-  return false;
+  if (fail.load() <= 0) return false;
+  --fail;
+  errno = error.load();
+  return true;
 }
 
 SysFaults::SysFaults() : ops_(vemo::sys::real_ops()) {
