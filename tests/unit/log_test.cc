@@ -1,16 +1,12 @@
 // The log line, and the application's log sink that may take it instead of the stream.
-#include <gtest/gtest.h>
-#include <stdlib.h>
 #include <string.h>
 #include <syslog.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <memory>
 #include <regex>
-#include <thread>
 
-#include "unit/golden.h"
+#include "unit/unit.h"
 #include "util/clock.h"
 #include "util/log_internal.h"
 #include "vemo/util.h"
@@ -18,11 +14,10 @@
 
 namespace {
 
-using vemo_unit::golden;
-using vemo_unit::Lines;
+using namespace vemo_unit;
 
 TEST(LogLine, NamesLevelThreadFileLineAndFunctionOfTheCaller) {
-  vemo_test::LogCapture log;
+  LogCapture log;
   const int line = __LINE__ + 1;
   for (const char *level : {"ERROR", "WARN", "INFO", "DEBUG"}) LOG_PRINT(level, "IPC send to %d: %s", 4, "{}");
   char thread[64];
@@ -68,7 +63,7 @@ TEST(LogSink, DeliversLinesAtOrAboveTheMinimumLevel) {
       {VEMO_LOG_INFO, "DEBUG", -1},              {VEMO_LOG_INFO, "INFO", VEMO_LOG_INFO},
       {VEMO_LOG_ERROR, "NOTICE", VEMO_LOG_ERROR},  // unknown names are never filtered away
   };
-  vemo_test::LogCapture log;
+  LogCapture log;
   for (const auto &row : rows) {
     Recorder rec;
     ASSERT_EQ(vemo_set_log_sink(record, &rec, row.min_level), VEMO_OK);
@@ -88,7 +83,7 @@ void reentrant(void *user, int, const char *, const char *, int, const char *) {
 }
 
 TEST(LogSink, RefusesBadInstallsAndCutsLongMessages) {
-  vemo_test::LogCapture log;
+  LogCapture log;
   Recorder rec, inner;
   EXPECT_EQ(vemo_set_log_sink(record, &rec, VEMO_LOG_ERROR + 1), VEMO_ERR_INVALID_ARG);
   EXPECT_EQ(vemo_set_log_sink(record, &rec, VEMO_LOG_DEBUG - 1), VEMO_ERR_INVALID_ARG);

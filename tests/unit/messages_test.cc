@@ -1,12 +1,10 @@
 // The client's messages on the wire, the reading rules for the daemon's, and the memory bound of
 // a received message.
-#include <gtest/gtest.h>
-
 #include <climits>
-#include <string>
 
 #include "client/json_bounds.h"
 #include "client/messages.h"
+#include "unit/unit.h"
 #include "vemo/ipc_socket.h"
 
 namespace {

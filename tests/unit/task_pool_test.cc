@@ -1,19 +1,15 @@
 // The task pool: each task on a thread of its own, a destroy that drains every task (those added
 // by tasks too), and a destroy from the pool's own last task.
-#include <errno.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <atomic>
-#include <thread>
-
-#include "support/waits.h"
-#include "unit/golden.h"
+#include "unit/unit.h"
 #include "util/task_pool_internal.h"
 #include "util/task_pool_seam.h"
 #include "vemo/task_pool.h"
 
 namespace {
+
+using namespace vemo_unit;
 
 // Task threads end with a count the test waits for: only once a thread has left the pool's
 // code may the test end and the sanitizers judge every access it made.
@@ -39,7 +35,7 @@ int failing_starter(pthread_t *, const pthread_attr_t *, void *(*)(void *), void
 
 struct Probe {
   task_pool_t *pool = nullptr;
-  vemo_test::Gate gate;
+  Gate gate;
   std::atomic<int> funcs{0}, posts{0}, order_errors{0}, own_before{0}, own_after{0};
   std::atomic<bool> destroyed{false};
 };
@@ -70,7 +66,7 @@ void after_destroy_own(void *arg) {  // the pool is gone: its address is only co
 
 TEST(TaskPool, DestroyDrainsEveryTaskAndRefusalsStartNothing) {
   vemo::task_pool_set_thread_starter(tracked_starter);
-  vemo_test::LogCapture log;
+  LogCapture log;
   Probe p;
   p.pool = task_pool_init();
   EXPECT_EQ(task_pool_add(nullptr, gated, post, &p), VEMO_ERR_INVALID_ARG);
@@ -85,15 +81,15 @@ TEST(TaskPool, DestroyDrainsEveryTaskAndRefusalsStartNothing) {
     task_pool_destroy(p.pool);
     p.destroyed.store(true);
   });
-  ASSERT_TRUE(vemo_test::eventually([&] { return vemo::task_pool_destroy_waiters(p.pool) == 1; }));
+  ASSERT_TRUE(eventually([&] { return vemo::task_pool_destroy_waiters(p.pool) == 1; }));
   EXPECT_FALSE(p.destroyed.load());
   p.gate.open();
   destroyer.join();
   EXPECT_EQ(p.posts.load(), 3 + 16);
   EXPECT_EQ(p.order_errors.load(), 0);
-  ASSERT_TRUE(vemo_test::eventually([&] { return g_threads_done.load() == 3 + 16; }));
+  ASSERT_TRUE(eventually([&] { return g_threads_done.load() == 3 + 16; }));
   task_pool_destroy(nullptr);
-  EXPECT_EQ(vemo_unit::golden(log), vemo_unit::Lines{});
+  EXPECT_EQ(golden(log), Lines{});
   vemo::task_pool_set_thread_starter(nullptr);
 }
 
@@ -105,11 +101,11 @@ TEST(TaskPool, DestroyFromItsOwnTaskWaitsForTheOthersAndReturns) {
   p.pool = task_pool_init();
   ASSERT_EQ(task_pool_add(p.pool, gated, nullptr, &p), VEMO_OK);
   ASSERT_EQ(task_pool_add(p.pool, destroy_own, after_destroy_own, &p), VEMO_OK);
-  ASSERT_TRUE(vemo_test::eventually([&] { return vemo::task_pool_destroy_waiters(p.pool) == 1; }));
+  ASSERT_TRUE(eventually([&] { return vemo::task_pool_destroy_waiters(p.pool) == 1; }));
   EXPECT_EQ(vemo::task_pool_count(p.pool), 1);  // the destroying task left the count
   EXPECT_EQ(p.own_after.load(), 0);
   p.gate.open();
-  ASSERT_TRUE(vemo_test::eventually([&] { return g_threads_done.load() == 2; }));
+  ASSERT_TRUE(eventually([&] { return g_threads_done.load() == 2; }));
   EXPECT_EQ(p.own_before.load(), 1);
   EXPECT_EQ(p.own_after.load(), 2);
   vemo::task_pool_set_thread_starter(nullptr);

@@ -1,0 +1,58 @@
+// What every unit test file shares: the captured log as golden lines, a clock the tests drive,
+// and the driver of argument-refusal tables.
+#ifndef VEMO_TESTS_UNIT_UNIT_H
+#define VEMO_TESTS_UNIT_UNIT_H
+
+#include <errno.h>
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/log_capture.h"
+#include "support/waits.h"
+
+namespace vemo_unit {
+
+using namespace vemo_test;
+using Lines = std::vector<std::string>;
+
+// The log as "LEVEL function: message", only the lines at level when it is given ("ERROR", ...).
+inline Lines golden(LogCapture &log, const std::string &level = "") {
+  Lines out;
+  for (const std::string &line : log.lines()) {
+    size_t message = line.find(" | - "), field = line.find(" | ");
+    if (message == std::string::npos || field == message) continue;
+    size_t function = line.rfind(" | ", message - 1) + 3;
+    std::string lv = line.substr(field + 3, 5);
+    lv.erase(0, lv.find_first_not_of(' '));
+    if (level.empty() || lv == level)
+      out.push_back(lv + " " + line.substr(function, message - function) + ": " + line.substr(message + 5));
+  }
+  return out;
+}
+
+inline std::atomic<uint32_t> g_now{1000};  // the clock of the lists under test
+inline uint32_t fake_tick() { return g_now.load(); }
+
+// A refused call: its result and the one golden line it logs ("" for none).
+struct Refusal {
+  std::function<int()> call;
+  int code;
+  std::string line;
+};
+inline void expect_refusals(const std::vector<Refusal> &rows) {
+  for (const Refusal &row : rows) {
+    LogCapture log;
+    EXPECT_EQ(row.call(), row.code) << row.line;
+    EXPECT_EQ(golden(log), row.line.empty() ? Lines{} : Lines{row.line});
+  }
+}
+
+}  // namespace vemo_unit
+
+#endif
