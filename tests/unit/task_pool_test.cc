@@ -2,6 +2,8 @@
 // by tasks too), and a destroy from the pool's own last task.
 #include <pthread.h>
 
+#include <memory>
+
 #include "unit/unit.h"
 #include "util/task_pool_internal.h"
 #include "util/task_pool_seam.h"
@@ -14,21 +16,12 @@ using namespace vemo_unit;
 // Task threads end with a count the test waits for: only once a thread has left the pool's
 // code may the test end and the sanitizers judge every access it made.
 std::atomic<int> g_threads_done{0};
-struct Start {
-  void *(*entry)(void *);
-  void *arg;
-};
-void *tracked_thread(void *p) {
-  Start start = *static_cast<Start *>(p);
-  delete static_cast<Start *>(p);
-  start.entry(start.arg);
-  g_threads_done.fetch_add(1);
-  return nullptr;
-}
 int tracked_starter(pthread_t *thread, const pthread_attr_t *attr, void *(*entry)(void *), void *arg) {
-  auto *start = new Start{entry, arg};
-  int rc = pthread_create(thread, attr, tracked_thread, start);
-  if (rc != 0) delete start;
+  using Run = std::function<void()>;
+  auto *run = new Run([=] { entry(arg), g_threads_done.fetch_add(1); });
+  const auto start = [](void *r) -> void * { return (*std::unique_ptr<Run>(static_cast<Run *>(r)))(), nullptr; };
+  const int rc = pthread_create(thread, attr, start, run);
+  if (rc != 0) delete run;
   return rc;
 }
 int failing_starter(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *) { return EAGAIN; }
