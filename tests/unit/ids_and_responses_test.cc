@@ -47,9 +47,9 @@ class Lists : public ::testing::Test {
     ASSERT_EQ(response_data_add(list_, id, timeout, cb), VEMO_OK);
     if (response != nullptr) ASSERT_EQ(response_data_set_response(list_, id, response), VEMO_OK);
   }
-  std::string collect(int id, int *code) {
+  std::string collect(int id, int code) {  // the response, collected with code
     char *text = nullptr;
-    *code = response_data_get_response(list_, id, &text);
+    EXPECT_EQ(response_data_get_response(list_, id, &text), code) << id;
     std::string out = text != nullptr ? text : "";
     free(text);
     return out;
@@ -59,62 +59,52 @@ class Lists : public ::testing::Test {
 };
 
 TEST_F(Lists, RefusalsLogUnderTheExportedOperations) {
-  LogCapture log;
-  make(256, 1);
-  EXPECT_EQ(msg_id_pool_get_max_size(pool_), 256);
-  msg_id_pool_destroy(pool_);
-  const std::string pool = "DEBUG msg_id_pool_", list_out = "WARN response_data_get_response: the list or response "
-                                                           "is NULL, or *response is not NULL";
-  EXPECT_EQ(golden(log), (Lines{pool + "init: begin to initialize the message id pool...",
-                                pool + "init: end to initialize the message id pool...",
-                                pool + "destroy: begin to destroy the message id pool...",
-                                pool + "destroy: free the data in the message id pool",
-                                pool + "destroy: end to destroy the message id pool..."}));
-  pool_ = nullptr;
-  make(256, 1);
-  enter(1, 100, "answer");
   char mine[] = "mine";
   char *held = mine;
-  const std::string null = ": the msg_id_pool_t is NULL", range = ": the message is out of range",
-                    set_null = "WARN response_data_set_response: the list or response is NULL";
-  expect_refusals({
-      {[] { return msg_id_pool_init(0) != nullptr; }, 0, "ERROR msg_id_pool_init: the size is not available"},
-      {[] { return msg_id_pool_destroy(nullptr), 0; }, 0, "ERROR msg_id_pool_destroy" + null},
-      {[] { return msg_id_pool_get_max_size(nullptr); }, 0, "ERROR msg_id_pool_get_max_size" + null},
-      {[] { return msg_id_pool_get_data(nullptr, 1) != nullptr; }, 0, "ERROR msg_id_pool_get_data" + null},
-      {[&] { return msg_id_pool_get_data(pool_, 0) != nullptr; }, 0, "ERROR msg_id_pool_get_data" + range},
-      {[&] { return msg_id_pool_get_data(pool_, 257) != nullptr; }, 0, "ERROR msg_id_pool_get_data" + range},
-      {[&] { return vemo::msg_id_deliver(pool_, 300, 1); }, VEMO_ERR_NOT_FOUND, "ERROR msg_id_pool_get_data" + range},
-      {[] { return msg_id_put_to_idle(nullptr, 1), 0; }, 0, "ERROR msg_id_put_to_idle" + null},
-      {[&] { return msg_id_put_to_idle(pool_, 0), 0; }, 0, "ERROR msg_id_put_to_idle" + range},
+  const std::string pool = "DEBUG msg_id_pool_", null = ": the msg_id_pool_t is NULL",
+                    range = ": the message is out of range",
+                    set_null = "WARN response_data_set_response: the list or response is NULL",
+                    out = "WARN response_data_get_response: the list or response is NULL, or *response is not NULL";
+  expect_calls({
+      {[&] { return make(256, 1), msg_id_pool_destroy(pool_), pool_ = nullptr, 0; }, 0,
+       {pool + "init: begin to initialize the message id pool...", pool + "init: end to initialize the message id pool...",
+        pool + "destroy: begin to destroy the message id pool...", pool + "destroy: free the data in the message id pool",
+        pool + "destroy: end to destroy the message id pool..."}},
+      {[&] { return make(256, 1), enter(1, 100, "answer"), msg_id_pool_get_max_size(pool_); }, 256,
+       {pool + "init: begin to initialize the message id pool...", pool + "init: end to initialize the message id pool..."}},
+      {[] { return msg_id_pool_init(0) != nullptr; }, 0, {"ERROR msg_id_pool_init: the size is not available"}},
+      {[] { return msg_id_pool_destroy(nullptr), 0; }, 0, {"ERROR msg_id_pool_destroy" + null}},
+      {[] { return msg_id_pool_get_max_size(nullptr); }, 0, {"ERROR msg_id_pool_get_max_size" + null}},
+      {[] { return msg_id_pool_get_data(nullptr, 1) != nullptr; }, 0, {"ERROR msg_id_pool_get_data" + null}},
+      {[&] { return msg_id_pool_get_data(pool_, 0) != nullptr; }, 0, {"ERROR msg_id_pool_get_data" + range}},
+      {[&] { return msg_id_pool_get_data(pool_, 257) != nullptr; }, 0, {"ERROR msg_id_pool_get_data" + range}},
+      {[&] { return vemo::msg_id_deliver(pool_, 300, 1); }, VEMO_ERR_NOT_FOUND, {"ERROR msg_id_pool_get_data" + range}},
+      {[] { return msg_id_put_to_idle(nullptr, 1), 0; }, 0, {"ERROR msg_id_put_to_idle" + null}},
+      {[&] { return msg_id_put_to_idle(pool_, 0), 0; }, 0, {"ERROR msg_id_put_to_idle" + range}},
       {[] { return msg_id_get_from_idle(nullptr, &kFresh); }, VEMO_ERR_INVALID_ARG,
-       "ERROR msg_id_get_from_idle: the msg_id_pool_t or msg_data_t is NULL"},
-      {[&] { return msg_id_pool_get_data(pool_, 2) != nullptr; }, 0, ""},  // idle: silently
+       {"ERROR msg_id_get_from_idle: the msg_id_pool_t or msg_data_t is NULL"}},
+      {[&] { return msg_id_pool_get_data(pool_, 2) != nullptr; }, 0, {}},  // idle: silently
       {[] { return response_data_add(nullptr, 1, 1, nullptr); }, VEMO_ERR_INVALID_ARG,
-       "WARN response_data_add: the list is NULL"},
-      {[] { return response_data_set_response(nullptr, 1, "x"); }, VEMO_ERR_INVALID_ARG, set_null},
-      {[&] { return response_data_set_response(list_, 1, nullptr); }, VEMO_ERR_INVALID_ARG, set_null},
-      {[&] { return response_data_get_response(nullptr, 1, &held); }, VEMO_ERR_INVALID_ARG, list_out},
-      {[&] { return response_data_get_response(list_, 1, nullptr); }, VEMO_ERR_INVALID_ARG, list_out},
-      {[&] { return response_data_get_response(list_, 1, &held); }, VEMO_ERR_INVALID_ARG, list_out},
-      {[&] { return vemo::response_data_wait_response(list_, 1, 0, 9, &held); }, VEMO_ERR_INVALID_ARG, list_out},
-      {[] { return response_data_clear(nullptr, 1), 0; }, 0, "WARN response_data_clear: the list is NULL"},
-      {[] { return vemo::response_data_expire(nullptr, 0), 0; }, 0, "WARN response_data_clear: the list is NULL"},
-      {[] { return response_list_destroy(nullptr), 0; }, 0, "WARN response_list_destroy: the list is NULL"},
-      {[] { return vemo::response_data_remove(nullptr, 1), 0; }, 0, "WARN response_data_remove: the list is NULL"},
+       {"WARN response_data_add: the list is NULL"}},
+      {[] { return response_data_set_response(nullptr, 1, "x"); }, VEMO_ERR_INVALID_ARG, {set_null}},
+      {[&] { return response_data_set_response(list_, 1, nullptr); }, VEMO_ERR_INVALID_ARG, {set_null}},
+      {[&] { return response_data_get_response(nullptr, 1, &held); }, VEMO_ERR_INVALID_ARG, {out}},
+      {[&] { return response_data_get_response(list_, 1, nullptr); }, VEMO_ERR_INVALID_ARG, {out}},
+      {[&] { return response_data_get_response(list_, 1, &held); }, VEMO_ERR_INVALID_ARG, {out}},
+      {[&] { return vemo::response_data_wait_response(list_, 1, 0, 9, &held); }, VEMO_ERR_INVALID_ARG, {out}},
+      {[] { return response_data_clear(nullptr, 1), 0; }, 0, {"WARN response_data_clear: the list is NULL"}},
+      {[] { return vemo::response_data_expire(nullptr, 0), 0; }, 0, {"WARN response_data_clear: the list is NULL"}},
+      {[] { return response_list_destroy(nullptr), 0; }, 0, {"WARN response_list_destroy: the list is NULL"}},
+      {[] { return vemo::response_data_remove(nullptr, 1), 0; }, 0, {"WARN response_data_remove: the list is NULL"}},
   });
-  EXPECT_NE(msg_id_pool_get_data(pool_, 1), nullptr);  // nothing above returned id 1
+  EXPECT_NE(msg_id_pool_get_data(pool_, 1), nullptr);  // nothing above returned id 1,
   EXPECT_EQ(held, mine);
-  int code = 0;
-  EXPECT_EQ(collect(1, &code), "answer");  // nor consumed or replaced the response
-  EXPECT_EQ(code, VEMO_OK);
+  EXPECT_EQ(collect(1, VEMO_OK), "answer");  // nor consumed or replaced the response
 }
 
 TEST_F(Lists, IdsRotateSkippingThoseInUseAndTheRecordIsThePoolsOwnCopy) {
-  const struct {
-    int size;
-    std::vector<int> steps;  // n > 0: a take returns n; n < 0: id -n is returned; 0: pool full
-  } rows[] = {
+  // A step n > 0: a take returns n; n < 0: id -n is returned; 0: the pool is full.
+  const struct { int size; std::vector<int> steps; } rows[] = {
       {256, {1, 2, 3, -2, 4, 5}},
       {4, {1, 2, 3, -2, 4, 2}},      // wrapped past 1, still held
       {3, {1, 2, 3, -3, -1, 1, 3}},  // after the last id, the lowest free one
@@ -138,13 +128,8 @@ TEST_F(Lists, IdsRotateSkippingThoseInUseAndTheRecordIsThePoolsOwnCopy) {
 // A pool of 2 with id 1 held and id 2 held or quarantined: a taker sleeps until the event of
 // its row, which hands it an id or ends its wait.
 TEST_F(Lists, AFullPoolBlocksTheTakerUntilAnIdComesFreeOrItsDeadline) {
-  const struct {
-    bool quarantine, exported;
-    uint32_t start;
-    int32_t deadline_ms;
-    std::function<void()> event;
-    int expected;
-  } rows[] = {
+  const struct { bool quarantine, exported; uint32_t start; int32_t deadline_ms; std::function<void()> event; int expected; }
+      rows[] = {
       {false, true, 1000, 0, [&] { msg_id_put_to_idle(pool_, 2); }, 2},
       {false, false, 1000, 60000, [&] { vemo::msg_id_release(pool_, 1); }, 1},
       {false, false, 1000, 100, [&] {
@@ -275,18 +260,14 @@ void collecting_cb(int id, const char *) {
 // second response restarts its expiry, and the callbacks run unlocked with the caller's text.
 TEST_F(Lists, AResponseIsCopiedOnceCollectedOnceAndItsCallbackRunsUnlocked) {
   LogCapture log;
-  int code = 0;
-  collect(11, &code);
-  EXPECT_EQ(code, VEMO_ERR_NOT_FOUND);
+  collect(11, VEMO_ERR_NOT_FOUND);
   enter(11, 1000, nullptr);
-  collect(11, &code);
-  EXPECT_EQ(code, VEMO_ERR_NOT_ARRIVED);
+  collect(11, VEMO_ERR_NOT_ARRIVED);
   char original[] = "{\"v\":1}";
   ASSERT_EQ(response_data_set_response(list_, 11, original), VEMO_OK);
   original[0] = 'X';
-  EXPECT_EQ(collect(11, &code), "{\"v\":1}");
-  collect(11, &code);
-  EXPECT_EQ(code, VEMO_ERR_NOT_FOUND);
+  EXPECT_EQ(collect(11, VEMO_OK), "{\"v\":1}");
+  collect(11, VEMO_ERR_NOT_FOUND);
   EXPECT_EQ(response_data_set_response(list_, 12, "x"), VEMO_ERR_NOT_FOUND);
   enter(14, 1000, nullptr);
   vemo::response_data_remove(list_, 14);
@@ -297,8 +278,7 @@ TEST_F(Lists, AResponseIsCopiedOnceCollectedOnceAndItsCallbackRunsUnlocked) {
                                 "DEBUG response_data_remove: clear the message id, id=14"}));
   enter(7, 100, "old");
   ASSERT_EQ(response_data_add(list_, 7, 100, counting_cb), VEMO_OK);  // "old" freed (ASan)
-  collect(7, &code);
-  EXPECT_EQ(code, VEMO_ERR_NOT_ARRIVED);
+  collect(7, VEMO_ERR_NOT_ARRIVED);
   ASSERT_EQ(response_data_set_response(list_, 7, "first"), VEMO_OK);
   g_now.store(1080);
   const char *second = "second";
@@ -307,7 +287,7 @@ TEST_F(Lists, AResponseIsCopiedOnceCollectedOnceAndItsCallbackRunsUnlocked) {
   EXPECT_EQ(g_last_text, second);  // the caller's text, not the entry's copy
   g_now.store(1150);  // 150 ms after the first response, 70 after the second
   response_data_clear(list_, 0);
-  EXPECT_EQ(collect(7, &code), "second");
+  EXPECT_EQ(collect(7, VEMO_OK), "second");
   g_list = list_;
   enter(12, 1000, "mine", collecting_cb);  // a callback may collect its own response
   EXPECT_EQ(g_own_code.load(), VEMO_OK);
@@ -320,12 +300,8 @@ std::string expired(int id, int timeout, int spent, const char *what = "response
 }
 
 TEST_F(Lists, ArrivedResponsesExpireAtExactlyTheirTimeoutAlsoAcrossTheTickWrap) {
-  const struct {
-    uint32_t arrival;
-    int timeout;
-    uint32_t kept_at, gone_at;  // the last tick at which it stays (none when equal), the first it goes
-    int spent;                  // logged when gone
-  } rows[] = {
+  // kept_at: the last tick at which it stays (none when equal); gone_at: the first it goes; spent: logged then.
+  const struct { uint32_t arrival; int timeout; uint32_t kept_at, gone_at; int spent; } rows[] = {
       {5000, 100, 5099, 5100, 100},  {5000, 100, 5099, 5137, 137},   {5000, 0, 5000, 5000, 0},
       {5000, -5, 5000, 5000, 0},     {0xFFFFFFC0u, 100, 35, 36, 100}, {0, 100, 99, 100, 100},
       {100, 0x7FFFFFFF, 100 + 0x7FFFFFFEu, 100 + 0x7FFFFFFFu, 0x7FFFFFFF},
@@ -370,11 +346,7 @@ TEST_F(Lists, ClearAndExpireRemoveDueEntriesNewestFirst) {
 // A waiter sleeps until its own entry changes: its response, a replacement, a removal, its
 // timeout on the list's clock, or a close.
 TEST_F(Lists, AWaiterSleepsUntilItsOwnEntryChanges) {
-  const struct {
-    std::function<void()> event;
-    int code;
-    const char *text;
-  } rows[] = {
+  const struct { std::function<void()> event; int code; const char *text; } rows[] = {
       {[&] { response_data_set_response(list_, 1, "one"); }, VEMO_OK, "one"},
       {[&] {
          response_data_add(list_, 1, 1000, nullptr);  // the waiter moves to the new entry

@@ -53,11 +53,8 @@ void record(void *user, int level, const char *function, const char *file, int l
 }
 
 TEST(LogSink, DeliversLinesAtOrAboveTheMinimumLevel) {
-  const struct {
-    int min_level;
-    const char *level;
-    int delivered_as;  // -1: dropped
-  } rows[] = {
+  // delivered_as -1: dropped
+  const struct { int min_level; const char *level; int delivered_as; } rows[] = {
       {VEMO_LOG_DEBUG, "DEBUG", VEMO_LOG_DEBUG}, {VEMO_LOG_DEBUG, "ERROR", VEMO_LOG_ERROR},
       {VEMO_LOG_WARN, "INFO", -1},               {VEMO_LOG_WARN, "WARN", VEMO_LOG_WARN},
       {VEMO_LOG_INFO, "DEBUG", -1},              {VEMO_LOG_INFO, "INFO", VEMO_LOG_INFO},
@@ -116,11 +113,9 @@ void fake_syslog(int priority, const char *format, ...) {
 
 TEST(LogSink, SyslogSinkUsesTheMatchingPriority) {
   vemo::log_set_syslog(fake_syslog);
-  const struct {
-    int level, priority;
-    const char *name;
-  } rows[] = {{VEMO_LOG_ERROR, LOG_ERR, "ERROR"}, {VEMO_LOG_WARN, LOG_WARNING, " WARN"},
-              {VEMO_LOG_INFO, LOG_INFO, " INFO"}, {VEMO_LOG_DEBUG, LOG_DEBUG, "DEBUG"}};
+  const struct { int level, priority; const char *name; } rows[] = {
+      {VEMO_LOG_ERROR, LOG_ERR, "ERROR"}, {VEMO_LOG_WARN, LOG_WARNING, " WARN"},
+      {VEMO_LOG_INFO, LOG_INFO, " INFO"}, {VEMO_LOG_DEBUG, LOG_DEBUG, "DEBUG"}};
   for (const auto &row : rows) {
     vemo_log_sink_syslog(nullptr, row.level, "task_receive", "src/client/receiver.cc", 12, "m=1");
     EXPECT_EQ(g_syslog_priority, row.priority);

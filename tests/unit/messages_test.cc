@@ -66,10 +66,7 @@ TEST(JsonBounds, DaemonMessagesPassCostlyShapesDoNot) {
   };
   std::string escaped;  // \" over and over: no quote in it ends the string
   while (escaped.size() < IPC_FRAME_MAX_PAYLOAD - 100) escaped.append("\\\"");
-  const struct {
-    std::string text;
-    bool within;
-  } rows[] = {
+  const struct { std::string text; bool within; } rows[] = {
       {R"({"inner_id":7,"inner_error_code":0,"inner_result":{"id":1205}})", true},
       {R"({"inner_method":"cloud_request","inner_id":31,"inner_params":{"request":")" +
            std::string(IPC_FRAME_MAX_PAYLOAD - 100, 'r') + "\"}}", true},

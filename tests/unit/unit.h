@@ -1,5 +1,5 @@
 // What every unit test file shares: the captured log as golden lines, a clock the tests drive,
-// and the driver of argument-refusal tables.
+// and the driver of tables of calls and their lines.
 #ifndef VEMO_TESTS_UNIT_UNIT_H
 #define VEMO_TESTS_UNIT_UNIT_H
 
@@ -39,17 +39,17 @@ inline Lines golden(LogCapture &log, const std::string &level = "") {
 inline std::atomic<uint32_t> g_now{1000};  // the clock of the lists under test
 inline uint32_t fake_tick() { return g_now.load(); }
 
-// A refused call: its result and the one golden line it logs ("" for none).
-struct Refusal {
+// A call (mostly a refused one), its result and the golden lines it logs.
+struct Call {
   std::function<int()> call;
   int code;
-  std::string line;
+  Lines lines;
 };
-inline void expect_refusals(const std::vector<Refusal> &rows) {
-  for (const Refusal &row : rows) {
+inline void expect_calls(const std::vector<Call> &rows) {
+  for (const Call &row : rows) {
     LogCapture log;
-    EXPECT_EQ(row.call(), row.code) << row.line;
-    EXPECT_EQ(golden(log), row.line.empty() ? Lines{} : Lines{row.line});
+    EXPECT_EQ(row.call(), row.code) << ::testing::PrintToString(row.lines);
+    EXPECT_EQ(golden(log), row.lines);
   }
 }
 
