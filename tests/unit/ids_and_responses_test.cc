@@ -148,14 +148,9 @@ TEST_F(Lists, AFullPoolBlocksTheTakerUntilAnIdComesFreeOrItsDeadline) {
     if (row.quarantine) give_up();
     else msg_id_get_from_idle(pool_, &kFresh);
     g_now.store(row.start);
-    std::atomic<int> got{0};
-    std::thread taker([&] {
-      got.store(row.exported ? msg_id_get_from_idle(pool_, &kFresh) : take(row.start, row.deadline_ms));
-    });
-    ASSERT_TRUE(eventually([&] { return vemo::msg_id_pool_waiting_takers(pool_) == 1; }));
-    row.event();
-    taker.join();
-    EXPECT_EQ(got.load(), row.expected) << row.start << " " << row.deadline_ms;
+    EXPECT_EQ(woken([&] { return row.exported ? msg_id_get_from_idle(pool_, &kFresh) : take(row.start, row.deadline_ms); },
+                    [&] { return vemo::msg_id_pool_waiting_takers(pool_); }, row.event),
+              row.expected) << row.start << " " << row.deadline_ms;
   }
   make(1, 1);  // past its deadline, a take still takes a free id: the look comes first
   msg_id_put_to_idle(pool_, 1);
@@ -360,19 +355,15 @@ TEST_F(Lists, AWaiterSleepsUntilItsOwnEntryChanges) {
   for (const auto &row : rows) {
     enter(1, 1000, nullptr);
     enter(2, 1000, "other");  // another entry's response wakes nobody
-    std::atomic<int> code{1};
     std::string text;
-    std::thread waiter([&] {
+    const auto wait = [&] {
       char *got = nullptr;
-      code.store(vemo::response_data_wait_response(list_, 1, g_now.load(), 100, &got));
-      if (got != nullptr) text = got;
-      free(got);
-    });
-    ASSERT_TRUE(eventually([&] { return vemo::response_list_waiters(list_) == 1; }));
-    response_data_set_response(list_, 2, "other again");
-    row.event();
-    waiter.join();
-    EXPECT_EQ(code.load(), row.code) << row.text;
+      const int code = vemo::response_data_wait_response(list_, 1, g_now.load(), 100, &got);
+      text = got != nullptr ? got : "";
+      return free(got), code;
+    };
+    const auto event = [&] { response_data_set_response(list_, 2, "other again"), row.event(); };
+    EXPECT_EQ(woken(wait, [&] { return vemo::response_list_waiters(list_); }, event), row.code) << row.text;
     EXPECT_EQ(text, row.text);
     response_list_destroy(list_);
     list_ = response_list_init();

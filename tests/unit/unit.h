@@ -39,6 +39,18 @@ inline Lines golden(LogCapture &log, const std::string &level = "") {
 inline std::atomic<uint32_t> g_now{1000};  // the clock of the lists under test
 inline uint32_t fake_tick() { return g_now.load(); }
 
+// Runs sleep on a thread of its own until sleepers() counts it asleep in the library, then event;
+// what sleep returned once it woke.
+inline int woken(const std::function<int()> &sleep, const std::function<int()> &sleepers,
+                 const std::function<void()> &event) {
+  std::atomic<int> result{-99999};
+  std::thread sleeper([&] { result.store(sleep()); });
+  EXPECT_TRUE(eventually([&] { return sleepers() == 1; }));
+  event();
+  sleeper.join();
+  return result.load();
+}
+
 // A call (mostly a refused one), its result and the golden lines it logs.
 struct Call {
   std::function<int()> call;
