@@ -1,16 +1,12 @@
 // The log line, and the application's log sink that may take it instead of the stream.
-#include <gtest/gtest.h>
-#include <stdlib.h>
 #include <string.h>
 #include <syslog.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <memory>
 #include <regex>
-#include <thread>
 
-#include "unit/golden.h"
+#include "unit/unit.h"
 #include "util/clock.h"
 #include "util/log_internal.h"
 #include "vemo/util.h"
@@ -18,11 +14,10 @@
 
 namespace {
 
-using vemo_unit::golden;
-using vemo_unit::Lines;
+using namespace vemo_unit;
 
 TEST(LogLine, NamesLevelThreadFileLineAndFunctionOfTheCaller) {
-  vemo_test::LogCapture log;
+  LogCapture log;
   const int line = __LINE__ + 1;
   for (const char *level : {"ERROR", "WARN", "INFO", "DEBUG"}) LOG_PRINT(level, "IPC send to %d: %s", 4, "{}");
   char thread[64];
@@ -58,17 +53,14 @@ void record(void *user, int level, const char *function, const char *file, int l
 }
 
 TEST(LogSink, DeliversLinesAtOrAboveTheMinimumLevel) {
-  const struct {
-    int min_level;
-    const char *level;
-    int delivered_as;  // -1: dropped
-  } rows[] = {
+  // delivered_as -1: dropped
+  const struct { int min_level; const char *level; int delivered_as; } rows[] = {
       {VEMO_LOG_DEBUG, "DEBUG", VEMO_LOG_DEBUG}, {VEMO_LOG_DEBUG, "ERROR", VEMO_LOG_ERROR},
       {VEMO_LOG_WARN, "INFO", -1},               {VEMO_LOG_WARN, "WARN", VEMO_LOG_WARN},
       {VEMO_LOG_INFO, "DEBUG", -1},              {VEMO_LOG_INFO, "INFO", VEMO_LOG_INFO},
       {VEMO_LOG_ERROR, "NOTICE", VEMO_LOG_ERROR},  // unknown names are never filtered away
   };
-  vemo_test::LogCapture log;
+  LogCapture log;
   for (const auto &row : rows) {
     Recorder rec;
     ASSERT_EQ(vemo_set_log_sink(record, &rec, row.min_level), VEMO_OK);
@@ -88,7 +80,7 @@ void reentrant(void *user, int, const char *, const char *, int, const char *) {
 }
 
 TEST(LogSink, RefusesBadInstallsAndCutsLongMessages) {
-  vemo_test::LogCapture log;
+  LogCapture log;
   Recorder rec, inner;
   EXPECT_EQ(vemo_set_log_sink(record, &rec, VEMO_LOG_ERROR + 1), VEMO_ERR_INVALID_ARG);
   EXPECT_EQ(vemo_set_log_sink(record, &rec, VEMO_LOG_DEBUG - 1), VEMO_ERR_INVALID_ARG);
@@ -121,11 +113,9 @@ void fake_syslog(int priority, const char *format, ...) {
 
 TEST(LogSink, SyslogSinkUsesTheMatchingPriority) {
   vemo::log_set_syslog(fake_syslog);
-  const struct {
-    int level, priority;
-    const char *name;
-  } rows[] = {{VEMO_LOG_ERROR, LOG_ERR, "ERROR"}, {VEMO_LOG_WARN, LOG_WARNING, " WARN"},
-              {VEMO_LOG_INFO, LOG_INFO, " INFO"}, {VEMO_LOG_DEBUG, LOG_DEBUG, "DEBUG"}};
+  const struct { int level, priority; const char *name; } rows[] = {
+      {VEMO_LOG_ERROR, LOG_ERR, "ERROR"}, {VEMO_LOG_WARN, LOG_WARNING, " WARN"},
+      {VEMO_LOG_INFO, LOG_INFO, " INFO"}, {VEMO_LOG_DEBUG, LOG_DEBUG, "DEBUG"}};
   for (const auto &row : rows) {
     vemo_log_sink_syslog(nullptr, row.level, "task_receive", "src/client/receiver.cc", 12, "m=1");
     EXPECT_EQ(g_syslog_priority, row.priority);

@@ -1,12 +1,10 @@
 // The client's messages on the wire, the reading rules for the daemon's, and the memory bound of
 // a received message.
-#include <gtest/gtest.h>
-
 #include <climits>
-#include <string>
 
 #include "client/json_bounds.h"
 #include "client/messages.h"
+#include "unit/unit.h"
 #include "vemo/ipc_socket.h"
 
 namespace {
@@ -16,30 +14,21 @@ std::string closed(vemo::MessageText message, int id) {
   return message.ok() ? std::string(message.c_str()) : std::string("<failed>");
 }
 
-// The text builder must give what cJSON's unformatted printer gives, byte for byte.
-TEST(ClientMessages, DeviceRequestIsPrintedAsCjsonPrintsIt) {
+// The builder's texts in their key order; a device request's text is escaped byte for byte as
+// cJSON's unformatted printer escapes it.
+TEST(ClientMessages, MessagesAndRepliesKeepTheirKeyOrderAndEscapes) {
   std::string every_byte;
   for (int c = 1; c < 256; ++c) every_byte += static_cast<char>(c);
-  const struct {
-    std::string request;
-    int timeout_ms, flag, id;
-  } rows[] = {{"hi \"there\"", 3000, -1, 7}, {"", -1, 0, 256}, {every_byte, INT_MAX, INT_MIN, 1}};
-  for (const auto &row : rows) {
-    vemo::JsonPtr message(cJSON_CreateObject()), params(cJSON_CreateObject());
-    cJSON_AddStringToObject(params.get(), "request", row.request.c_str());
-    cJSON_AddNumberToObject(params.get(), "timeout_ms", row.timeout_ms);
-    cJSON_AddNumberToObject(params.get(), "flag", row.flag);
-    cJSON_AddStringToObject(message.get(), "inner_method", "device_request");
-    cJSON_AddItemToObject(message.get(), "inner_params", params.release());
-    cJSON_AddNumberToObject(message.get(), "inner_id", row.id);
-    vemo::HeapText printed(cJSON_PrintUnformatted(message.get()));
-    EXPECT_EQ(closed(vemo::device_request_text(row.request.c_str(), row.timeout_ms, row.flag), row.id),
-              printed.get()) << row.id;
-  }
-}
-
-TEST(ClientMessages, ControlMessagesAndRepliesKeepTheirKeyOrder) {
-  const std::string rows[][2] = {
+  const auto device = [](const std::string &request, int timeout_ms, int flag, int id) {
+    vemo::JsonPtr text(cJSON_CreateString(request.c_str()));
+    return std::make_pair(closed(vemo::device_request_text(request.c_str(), timeout_ms, flag), id),
+                          R"({"inner_method":"device_request","inner_params":{"request":)" +
+                              std::string(vemo::HeapText(cJSON_PrintUnformatted(text.get())).get()) + ",\"timeout_ms\":" +
+                              std::to_string(timeout_ms) + ",\"flag\":" + std::to_string(flag) + "},\"inner_id\":" +
+                              std::to_string(id) + "}");
+  };
+  const std::pair<std::string, std::string> rows[] = {
+      device("hi \"there\"", 3000, -1, 7), device("", -1, 0, 256), device(every_byte, INT_MAX, INT_MIN, 1),
       {closed(vemo::register_text(true), 9), R"({"inner_method":"register_callback","inner_params":{"hello_cloud":1},"inner_id":9})"},
       {closed(vemo::register_text(false), 9), R"({"inner_method":"register_callback","inner_params":{"hello_cloud":0},"inner_id":9})"},
       {closed(vemo::method_only_text("reconnect_cloud"), 8), R"({"inner_method":"reconnect_cloud","inner_id":8})"},
@@ -48,7 +37,7 @@ TEST(ClientMessages, ControlMessagesAndRepliesKeepTheirKeyOrder) {
       {vemo::reply_text("o\"k", 0).c_str(), R"({"inner_error_code":0,"inner_result":{"response":"o\"k"}})"},
       {vemo::reply_text("ok", -1).c_str(), R"({"inner_error_code":0,"inner_result":{"response":"ok"}})"},
   };
-  for (const auto &row : rows) EXPECT_EQ(row[0], row[1]);
+  for (const auto &row : rows) EXPECT_EQ(row.first, row.second);
 }
 
 // Keys match without regard to case, the first match wins; a text that is not a string is missing.
@@ -77,10 +66,7 @@ TEST(JsonBounds, DaemonMessagesPassCostlyShapesDoNot) {
   };
   std::string escaped;  // \" over and over: no quote in it ends the string
   while (escaped.size() < IPC_FRAME_MAX_PAYLOAD - 100) escaped.append("\\\"");
-  const struct {
-    std::string text;
-    bool within;
-  } rows[] = {
+  const struct { std::string text; bool within; } rows[] = {
       {R"({"inner_id":7,"inner_error_code":0,"inner_result":{"id":1205}})", true},
       {R"({"inner_method":"cloud_request","inner_id":31,"inner_params":{"request":")" +
            std::string(IPC_FRAME_MAX_PAYLOAD - 100, 'r') + "\"}}", true},

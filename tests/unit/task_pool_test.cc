@@ -1,45 +1,34 @@
 // The task pool: each task on a thread of its own, a destroy that drains every task (those added
 // by tasks too), and a destroy from the pool's own last task.
-#include <errno.h>
-#include <gtest/gtest.h>
 #include <pthread.h>
 
-#include <atomic>
-#include <thread>
+#include <memory>
 
-#include "support/waits.h"
-#include "unit/golden.h"
+#include "unit/unit.h"
 #include "util/task_pool_internal.h"
 #include "util/task_pool_seam.h"
 #include "vemo/task_pool.h"
 
 namespace {
 
+using namespace vemo_unit;
+
 // Task threads end with a count the test waits for: only once a thread has left the pool's
 // code may the test end and the sanitizers judge every access it made.
 std::atomic<int> g_threads_done{0};
-struct Start {
-  void *(*entry)(void *);
-  void *arg;
-};
-void *tracked_thread(void *p) {
-  Start start = *static_cast<Start *>(p);
-  delete static_cast<Start *>(p);
-  start.entry(start.arg);
-  g_threads_done.fetch_add(1);
-  return nullptr;
-}
 int tracked_starter(pthread_t *thread, const pthread_attr_t *attr, void *(*entry)(void *), void *arg) {
-  auto *start = new Start{entry, arg};
-  int rc = pthread_create(thread, attr, tracked_thread, start);
-  if (rc != 0) delete start;
+  using Run = std::function<void()>;
+  auto *run = new Run([=] { entry(arg), g_threads_done.fetch_add(1); });
+  const auto start = [](void *r) -> void * { return (*std::unique_ptr<Run>(static_cast<Run *>(r)))(), nullptr; };
+  const int rc = pthread_create(thread, attr, start, run);
+  if (rc != 0) delete run;
   return rc;
 }
 int failing_starter(pthread_t *, const pthread_attr_t *, void *(*)(void *), void *) { return EAGAIN; }
 
 struct Probe {
   task_pool_t *pool = nullptr;
-  vemo_test::Gate gate;
+  Gate gate;
   std::atomic<int> funcs{0}, posts{0}, order_errors{0}, own_before{0}, own_after{0};
   std::atomic<bool> destroyed{false};
 };
@@ -70,7 +59,7 @@ void after_destroy_own(void *arg) {  // the pool is gone: its address is only co
 
 TEST(TaskPool, DestroyDrainsEveryTaskAndRefusalsStartNothing) {
   vemo::task_pool_set_thread_starter(tracked_starter);
-  vemo_test::LogCapture log;
+  LogCapture log;
   Probe p;
   p.pool = task_pool_init();
   EXPECT_EQ(task_pool_add(nullptr, gated, post, &p), VEMO_ERR_INVALID_ARG);
@@ -81,19 +70,16 @@ TEST(TaskPool, DestroyDrainsEveryTaskAndRefusalsStartNothing) {
   EXPECT_EQ(vemo::task_pool_count(p.pool), 0);
   for (int i = 0; i < 3; ++i) ASSERT_EQ(task_pool_add(p.pool, i == 0 ? fan_out : gated, post, &p), VEMO_OK);
   EXPECT_FALSE(vemo::task_pool_is_own_thread(p.pool));
-  std::thread destroyer([&] {
-    task_pool_destroy(p.pool);
-    p.destroyed.store(true);
+  const auto drained = [&] { return task_pool_destroy(p.pool), p.destroyed.store(true), 0; };
+  woken(drained, [&] { return vemo::task_pool_destroy_waiters(p.pool); }, [&] {
+    if (p.destroyed.load()) p.order_errors++;  // the destroy returned before its tasks ended
+    p.gate.open();
   });
-  ASSERT_TRUE(vemo_test::eventually([&] { return vemo::task_pool_destroy_waiters(p.pool) == 1; }));
-  EXPECT_FALSE(p.destroyed.load());
-  p.gate.open();
-  destroyer.join();
   EXPECT_EQ(p.posts.load(), 3 + 16);
   EXPECT_EQ(p.order_errors.load(), 0);
-  ASSERT_TRUE(vemo_test::eventually([&] { return g_threads_done.load() == 3 + 16; }));
+  ASSERT_TRUE(eventually([&] { return g_threads_done.load() == 3 + 16; }));
   task_pool_destroy(nullptr);
-  EXPECT_EQ(vemo_unit::golden(log), vemo_unit::Lines{});
+  EXPECT_EQ(golden(log), Lines{});
   vemo::task_pool_set_thread_starter(nullptr);
 }
 
@@ -105,11 +91,11 @@ TEST(TaskPool, DestroyFromItsOwnTaskWaitsForTheOthersAndReturns) {
   p.pool = task_pool_init();
   ASSERT_EQ(task_pool_add(p.pool, gated, nullptr, &p), VEMO_OK);
   ASSERT_EQ(task_pool_add(p.pool, destroy_own, after_destroy_own, &p), VEMO_OK);
-  ASSERT_TRUE(vemo_test::eventually([&] { return vemo::task_pool_destroy_waiters(p.pool) == 1; }));
+  ASSERT_TRUE(eventually([&] { return vemo::task_pool_destroy_waiters(p.pool) == 1; }));
   EXPECT_EQ(vemo::task_pool_count(p.pool), 1);  // the destroying task left the count
   EXPECT_EQ(p.own_after.load(), 0);
   p.gate.open();
-  ASSERT_TRUE(vemo_test::eventually([&] { return g_threads_done.load() == 2; }));
+  ASSERT_TRUE(eventually([&] { return g_threads_done.load() == 2; }));
   EXPECT_EQ(p.own_before.load(), 1);
   EXPECT_EQ(p.own_after.load(), 2);
   vemo::task_pool_set_thread_starter(nullptr);
