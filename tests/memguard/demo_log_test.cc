@@ -17,8 +17,7 @@ TEST(MwDemo, Scenarios) {
                      dup2(out, 1), execl(MEMGUARD_DEMO_PATH, MEMGUARD_DEMO_PATH, (char *)nullptr);
                      _exit(127);
                    });
-                   EXPECT_EQ(status, 0);
-                   char cwd[4096];
+                   EXPECT_EQ(status, 0); char cwd[4096];
                    EXPECT_EQ(ReadFile("stdout.txt"), "memguard report: " +
                                                          std::string(getcwd(cwd, sizeof cwd)) +
                                                          "/memguard.log\n");

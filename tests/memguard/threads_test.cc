@@ -36,8 +36,7 @@ void previous_handler(int) {}
 TEST(MwThreads, Scenarios) {
   RunScenarios({
       {"allocations, checks and marks at once", [](Vars &) {
-         mwStatistics(MW_STAT_LINE);
-         std::atomic<bool> done{false};
+         mwStatistics(MW_STAT_LINE); std::atomic<bool> done{false};
          std::thread checker([&] {
            for (int host = 0; !done.load();) {
              EXPECT_EQ(mwTest(nullptr, 0, MW_TEST_ALL), 0);
@@ -56,15 +55,12 @@ TEST(MwThreads, Scenarios) {
            EXPECT_EQ(other.wait_for(std::chrono::seconds(10)), std::future_status::ready);
            return MW_ARI_IGNORE;
          });
-         EXPECT_EQ(mwAssert(0, "x", "t.c", 1), 0);
-         EXPECT_EQ(vemo::mwAllocCount, 1);
+         EXPECT_EQ(mwAssert(0, "x", "t.c", 1), 0); EXPECT_EQ(vemo::mwAllocCount, 1);
        }, {"assert trap: <1> t.c(1), x", "assert trap: <1> IGNORED - execution continues"}, 1},
       {"probes answer without faulting, also at once, and restore the previous handler",
        [](Vars &) {
-         struct sigaction mine = {}, before, after;
-         mine.sa_handler = previous_handler;
-         ASSERT_EQ(sigaction(SIGSEGV, &mine, &before), 0);
-         long page = sysconf(_SC_PAGESIZE);
+         struct sigaction mine = {}, before, after; mine.sa_handler = previous_handler;
+         ASSERT_EQ(sigaction(SIGSEGV, &mine, &before), 0); long page = sysconf(_SC_PAGESIZE);
          char *hole = (char *)mmap(nullptr, page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
          auto probe = [hole, page] {
            for (int i = 0, readable = 1; i < 200; ++i) {
@@ -72,14 +68,10 @@ TEST(MwThreads, Scenarios) {
              EXPECT_EQ(mwIsSafeAddr(&readable, sizeof readable), 1);
            }
          };
-         std::thread a(probe), b(probe);
-         a.join(), b.join();
-         EXPECT_EQ(mwIsReadAddr(nullptr, 4), 0);
-         EXPECT_EQ(mwIsReadAddr(hole, 0), 1);
-         EXPECT_EQ(mwOldSIGSEGV, previous_handler);
+         std::thread a(probe), b(probe); a.join(), b.join(); EXPECT_EQ(mwIsReadAddr(nullptr, 4), 0);
+         EXPECT_EQ(mwIsReadAddr(hole, 0), 1); EXPECT_EQ(mwOldSIGSEGV, previous_handler);
          ASSERT_EQ(sigaction(SIGSEGV, &before, &after), 0);
-         EXPECT_EQ(after.sa_handler, previous_handler);
-         EXPECT_NE(access("memguard.log", F_OK), 0);
+         EXPECT_EQ(after.sa_handler, previous_handler); EXPECT_NE(access("memguard.log", F_OK), 0);
        }, {}, 0},
   });
 }
