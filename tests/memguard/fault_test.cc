@@ -13,8 +13,7 @@ using vemo::mwData;
 
 namespace {
 
-int g_hook_entered[2];
-int g_never_written[2];
+int g_hook_entered[2], g_never_written[2];
 
 // An output hook that never returns: its thread keeps the allocator's lock for good.
 void stuck_hook(int) {
@@ -23,10 +22,9 @@ void stuck_hook(int) {
 }
 
 TEST(MwFault, Scenarios) {
-  const std::string kRepair = "relink: <{N}> r.c({N}) attempting ";
+  const std::string kAt = "<{N}> r.c({N})";
   RunScenarios({
-      {"an unanswered assertion ends the process with 255 after a check and the exit report",
-       [](Vars &) {
+      {"an unanswered assertion ends with 255 after a check and the exit report", [](Vars &) {
          mwTest("t.c", 1, MW_TEST_ALLOC); static_cast<char *>(mwMalloc(4, "t.c", 2))[4] = '!';
          mwAssert(0, "p == NULL", "t.c", 3);
        }, {"check: <0> t.c(1), checking alloc ", "check: <0> t.c(1), complete; no errors",
@@ -66,26 +64,23 @@ TEST(MwFault, Scenarios) {
          void *b1 = mwMalloc(1, "r.c", 1); mwMalloc(1, "r.c", 2);
          vemo::mwHead = reinterpret_cast<mwData *>(16), vemo::mwTail = reinterpret_cast<mwData *>(32);
          mwFree(b1, "r.c", 3);
-       }, {kRepair + "to repair MW-{ADDR}...", "relink: failed for MW-{ADDR}; head pointer destroyed",
-           kRepair + "emergency repairs...", "relink: mwHead (MW-0x10) is damaged, skipping forward scan",
+       }, {FailedRepair(kAt, "{ADDR}", "head pointer destroyed"),
+           "relink: mwHead (MW-0x10) is damaged, skipping forward scan",
            "relink: mwTail (0x20) is damaged, skipping reverse scan",
            "relink: both head and tail pointers damaged, aborting program"}, 0, kAborts},
       {"a chain that fails verification", [](Vars &) {
          void *b1 = mwMalloc(1, "r.c", 1), *b2 = mwMalloc(1, "r.c", 2); mwMalloc(1, "r.c", 3);
          vemo::mwTail = HeaderOf(b2), mwFree(b1, "r.c", 4);  // the tail names a middle block
-       }, {kRepair + "to repair MW-{ADDR}...", "relink: MW-{ADDR} not found in reverse chain search",
+       }, {"relink: " + kAt + " attempting to repair MW-{ADDR}...", "relink: MW-{ADDR} not found in reverse chain search",
            "relink: heap verification FAILS - aborting program"}, 0, kAborts},
       {"a forward chain broken while the reverse chain is whole", [](Vars &) {
-         void *b[4];
-         for (int i = 0; i < 4; ++i) b[i] = mwMalloc(8, "r.c", i + 1);
+         std::vector<void *> b = Blocks(4, 8, "r.c");
          // A copy of the oldest header is freed while b3 lost its link to b4: the forward chain
          // ends after b4, the reverse chain runs whole from b1 to b3, and no join fits.
          alignas(16) static unsigned char fake[256];
          memcpy(fake, HeaderOf(b[0]), vemo::kDataSize + 24), HeaderOf(b[2])->prev = nullptr;
          mwFree(fake + vemo::kDataSize + 8, "r.c", 5);
-       }, {kRepair + "to repair MW-{ADDR}...",
-           "relink: failed for MW-{ADDR}; forward chain fragmented at MW-{ADDR}: 'next' is {ADDR}",
-           kRepair + "emergency repairs...",
+       }, {FailedRepair(kAt, "{ADDR}", "forward chain fragmented at MW-{ADDR}: 'next' is {ADDR}"),
            "relink: forward chain's last intact MW is MW-{ADDR}, 8 bytes at r.c(4)",
            "relink: forward chain's first damaged MW is MW-{ADDR}, 8 bytes at r.c(3)",
            "relink: heap totally destroyed, aborting program"}, 0, kAborts},

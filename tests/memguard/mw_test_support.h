@@ -30,6 +30,11 @@ std::string ReadFile(const std::string &path);
 // The log's lines after its start-up lines, which are checked on the way.
 std::vector<std::string> LogLines(const std::string &path = "memguard.log");
 
+// A repair at site of the block mw that failed for why, up to its emergency repairs.
+inline std::string FailedRepair(const std::string &at, const std::string &mw, const char *why) {
+  return "relink: " + at + " attempting to repair MW-" + mw + "...\nrelink: failed for MW-" + mw +
+         "; " + why + "\nrelink: " + at + " attempting emergency repairs...";
+}
 inline vemo::mwData *HeaderOf(void *p) {
   return reinterpret_cast<vemo::mwData *>(static_cast<char *>(p) - vemo::kDataSize - 8);
 }

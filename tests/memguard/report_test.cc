@@ -43,16 +43,14 @@ TEST(MwReport, Scenarios) {
          Write(std::string(2046, 'a') + "\n"), Write(std::string(2048, 'c'));
        }, {std::string(2046, 'a'), std::string(2048, 'c'),
            "internal: mwWrite(): WARNING! OUTPUT EXCEEDED 2047 CHARS: SYSTEM UNSTABLE"}, 0},
-      {"the output hook takes what is written; direct lines reach the log whatever the hook",
-       [](Vars &) {
+      {"the output hook takes what is written; direct lines reach the log anyway", [](Vars &) {
          mwBreakOut("early");  // no log yet for the direct copy
          mwSetOutFunc(capture_hook), mwStrdup(nullptr, "a.c", 3), mwTrace("traced %d\n", 42);
          mwBreakOut("cause");
          EXPECT_EQ(g_hooked, "strdup: <0> a.c(3), strdup(NULL) called\ntraced 42\nbreakout: cause\n");
          mwSetOutFunc(nullptr), mwTrace("back\n"), mwBreakOut("why");
        }, {"breakout: early", "breakout: cause", "back", "breakout: why", "breakout: why"}, 1},
-      {"damaged copies of the log handle and the flush level are outvoted or replaced",
-       [](Vars &) {
+      {"damaged copies of the log handle and the flush level are outvoted or replaced", [](Vars &) {
          Start(); vemo::MwGuard guard; FILE *real = vemo::mwLogStream1;
          vemo::mwLogStream2 = tmpfile(); EXPECT_EQ(vemo::mwCheckedLog(), real);
          vemo::mwLogStream2 = tmpfile(), vemo::mwLogStream3 = tmpfile();
@@ -66,8 +64,7 @@ TEST(MwReport, Scenarios) {
            "\nMEMGUARD: log file handle destroyed, using mwSTDERR",
            "internal: flushing flag damaged and recovered",
            "internal: flushing flag destroyed, so set to true"}, 0},
-      {"nothing is flushed before the first anomaly, everything after it, or when asked",
-       [](Vars &) {
+      {"nothing flushed before the first anomaly, everything after it, or when asked", [](Vars &) {
          mwLimit(0); EXPECT_FALSE(Flushed("none")); mwStrdup(nullptr, "a.c", 1), mwLimit(5);
          EXPECT_TRUE(Flushed("new limit = none\nstrdup: <0> a.c(1), strdup(NULL) called\nlimit"));
          EXPECT_TRUE(Flushed("new limit = 5 bytes\n")); mwDoFlush(-3), mwLimit(9);
@@ -207,8 +204,7 @@ TEST(MwReport, Scenarios) {
            kWarning, "mark: t.c(8), mwFirstMark (0x10) is trashed, can't mark for d",
            "mark: t.c(9), mark({e})->next(0x10) is trashed, can't mark for e",
            "mark: t.c(10), no mark for {h}:'d', out of memory"}, 1},
-      {"reserve: grab and drop in kilobytes, filler written to, other reserve left alone",
-       [](Vars &v) {
+      {"reserve: grab and drop in kilobytes, filler written to, others left alone", [](Vars &v) {
          Start();
          vemo::mwLock.lock(), vemo::mwGrabChunks(2, vemo::kTypeNoMansLand), vemo::mwLock.unlock();
          EXPECT_EQ(mwGrab(3), 3u); vemo::mwGrabChunk *newest = vemo::mwReserveChunks;
@@ -228,8 +224,7 @@ TEST(MwReport, Scenarios) {
            "grabbed: all allowed memory to grabbed (4 kb)",
            "limit: old limit = 5000 bytes, new limit = none", "dropped: all grabbed memory (4 kb)",
            "grabbed: all available memory to grabbed (2 kb)"}, 0},
-      {"no-man's-land levels switch retention and reserve; statistics levels are told",
-       [](Vars &) {
+      {"no-man's-land levels switch retention and reserve; statistics levels are told", [](Vars &) {
          for (int level : {MW_NML_FREE, 7, MW_NML_ALL, MW_NML_NONE, MW_NML_FREE}) {
            mwNoMansLand(level); EXPECT_EQ(vemo::mwRetainMode, level == 7 ? 1 : level);
          }

@@ -57,8 +57,7 @@ TEST(MwThreads, Scenarios) {
          });
          EXPECT_EQ(mwAssert(0, "x", "t.c", 1), 0); EXPECT_EQ(vemo::mwAllocCount, 1);
        }, {"assert trap: <1> t.c(1), x", "assert trap: <1> IGNORED - execution continues"}, 1},
-      {"probes answer without faulting, also at once, and restore the previous handler",
-       [](Vars &) {
+      {"probes answer without faulting, at once too, restoring the old handler", [](Vars &) {
          struct sigaction mine = {}, before, after; mine.sa_handler = previous_handler;
          ASSERT_EQ(sigaction(SIGSEGV, &mine, &before), 0); long page = sysconf(_SC_PAGESIZE);
          char *hole = (char *)mmap(nullptr, page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
