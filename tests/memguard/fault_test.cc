@@ -1,6 +1,5 @@
-// Scenarios that end their process on purpose: traps answered with Abort or left unanswered
-// (exit status 255), repairs that cannot save the heap (abort), and the report at exit. The
-// log is read after the child ended.
+// Scenarios that end their process on purpose (their log is read after): traps answered with
+// Abort or left unanswered (status 255), repairs that cannot save the heap, the report at exit.
 #include <string.h>
 #include <unistd.h>
 
