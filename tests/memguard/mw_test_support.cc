@@ -12,12 +12,10 @@
 namespace mw_test {
 namespace {
 
-std::set<int> g_failing;
+std::set<int> g_failing;  // the numbers of the system allocations that fail
 int g_calls = 0;
-
 void *failing_malloc(size_t size) {
-  int call = g_calls++;
-  return g_failing.empty() || g_failing.count(call) != 0 ? nullptr : malloc(size);
+  return g_failing.empty() || g_failing.count(g_calls++) != 0 ? nullptr : malloc(size);
 }
 
 std::string Escape(const std::string &text) {
@@ -69,8 +67,7 @@ std::string Stats(long count, long peak, long total, long unfreed, long anomalie
 
 std::string ReadFile(const std::string &path) {
   std::ostringstream out;
-  out << std::ifstream(path, std::ios::binary).rdbuf();
-  return out.str();
+  return out << std::ifstream(path, std::ios::binary).rdbuf(), out.str();
 }
 
 std::vector<std::string> LogLines(const std::string &path) {
