@@ -20,6 +20,7 @@ int fake_bind(int fd, const struct sockaddr *address, socklen_t length) {
   now().last_bind_length = static_cast<int>(length);
   return real().bind(fd, address, length);
 }
+int fake_listen(int fd, int backlog) { return now().listen.next() ? -1 : real().listen(fd, backlog); }
 int fake_connect(int fd, const struct sockaddr *address, socklen_t length) {
   now().last_connect_length = static_cast<int>(length);
   return real().connect(fd, address, length);
@@ -75,6 +76,7 @@ bool CallScript::next() {
 SysFaults::SysFaults() : ops_(vemo::sys::real_ops()) {
   ops_.socket = fake_socket;
   ops_.bind = fake_bind;
+  ops_.listen = fake_listen;
   ops_.connect = fake_connect;
   ops_.send = fake_send;
   ops_.sendmsg = fake_sendmsg;

@@ -39,7 +39,7 @@ class SysFaults {
   SysFaults &operator=(const SysFaults &) = delete;
 
   // send scripts send and sendmsg alike.
-  CallScript socket, send, recv, poll, fcntl, malloc;
+  CallScript socket, listen, send, recv, poll, fcntl, malloc;
 
   // At most this many bytes per send/sendmsg/recv call (0: no cap).
   std::atomic<size_t> send_chunk{0};
