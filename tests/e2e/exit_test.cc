@@ -3,12 +3,12 @@
 // that the parent serves, then exits; the parent reads the child's log on its standard output.
 #include <stdlib.h>
 #include <string.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <sstream>
 
+#include "child_process.h"  // tools/test_support
 #include "support/e2e_fixture.h"
 
 namespace vemo_e2e {
@@ -53,13 +53,12 @@ TEST_F(Exit, ClientStartedTwiceIsTornDownOnceMoreAtExit) {
   const ssize_t n = readlink("/proc/self/exe", self, sizeof self - 1);
   ASSERT_GT(n, 0);
   self[n] = '\0';
-  ChildProcess child;
-  ASSERT_TRUE(child.start({self, "--gtest_filter=ExitScenario.Run"}, {std::string(kScenarioVariable) + "=1"}));
+  tools_test::ChildProcess child;
+  ASSERT_TRUE(child.start({self, "--gtest_filter=ExitScenario.Run"}, false, {std::string(kScenarioVariable) + "=1"}));
   const std::optional<int> status = child.wait_exit(60000);  // a sanitizer build starts slowly
-  ASSERT_TRUE(status.has_value()) << "the child never exited:\n" << child.output();
-  ASSERT_TRUE(WIFEXITED(*status) && WEXITSTATUS(*status) == 0) << "status " << *status << ":\n" << child.output();
+  ASSERT_EQ(std::optional<int>(0), status) << child.out() << child.err();
   Strings lines;  // "function: message" of the log lines, and the child's own lines
-  std::istringstream out(child.output());
+  std::istringstream out(child.out());
   LogLine l;
   for (std::string line; std::getline(out, line);) {
     if (parse_log_line(line, &l)) lines.push_back(l.function + ": " + l.message);

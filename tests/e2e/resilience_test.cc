@@ -11,6 +11,7 @@
 #include <fstream>
 #include <thread>
 
+#include "child_process.h"  // tools/test_support
 #include "support/e2e_fixture.h"
 #include "vemo/ipc_socket.h"
 #include "vemo/vemo_ext.h"
@@ -244,12 +245,12 @@ TEST_F(Resilience, AbandonedRequestsLeaveNoEntries) {
 TEST_F(Resilience, DaemonOfAnotherUserIsRefused) {
   if (geteuid() != 0) GTEST_SKIP() << "needs root to run a daemon as another user";
   const std::string path = "/tmp/vemo-stranger-" + std::to_string(getpid());
-  ChildProcess stranger;
+  tools_test::ChildProcess stranger;
   ASSERT_TRUE(stranger.start({"/usr/bin/setpriv", "--reuid=65534", "--regid=65534", "--clear-groups",
                               VEMO_CLOUDD_PATH, "--socket", path}));
   // The daemon must be reachable for that user (the build tree's folders must let it in).
   if (!eventually([&] { return listening_on(path); }, kWaitMs))
-    GTEST_SKIP() << "the daemon cannot run as uid 65534 from this build tree: " << stranger.output();
+    GTEST_SKIP() << "the daemon cannot run as uid 65534 from this build tree: " << stranger.err();
   ASSERT_EQ(0, vemo_set_socket_path(path.c_str()));
   EXPECT_EQ(VEMO_ERR_DISCONNECTED, vemo_reconnect_cloud());
   EXPECT_EQ(Strings{"the server runs as another user, uid=65534"}, Messages("connect_server", "ERROR"));

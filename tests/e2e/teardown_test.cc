@@ -21,42 +21,58 @@ void hello_request(char **response) { *response = strdup("hi"); }
 void hello_response(const char *) {}
 const vemo_hello_cloud_cb_t kHello = {hello_request, hello_response};
 
-// The order, even given twice at once, tears down once, in its steps: a caller asleep on its
-// response gets -1101, handlers and pending responses do not survive, the next call connects.
-TEST_F(Teardown, OrderedTeardownForgetsEverything) {
-  ASSERT_EQ(0, vemo_register_callback(echo, &kHello));
-  daemon_.set_drop_response(true);
-  daemon_.set_next_request_id(1000);
-  ASSERT_EQ(1000, vemo_send_request_async("pending", 5000, 0, nullptr));
-  std::atomic<pid_t> tid{0};
-  std::future<int> waiter = std::async(std::launch::async, [&tid] {
-    tid = current_tid();
+// A connection lost either way wakes a caller asleep on its response with -1101 and takes the
+// pending responses along. A closed connection is torn down at once and the handler announced
+// again on a new one; the order, even given twice at once, tears down once, in its steps, and
+// forgets the handlers: the next call connects.
+TEST_F(Teardown, LostConnectionWakesTheWaiterAndForgetsThePending) {
+  for (const bool ordered : {false, true}) {
+    SCOPED_TRACE(ordered ? "ordered" : "closed");
+    log_.clear();
+    ASSERT_EQ(0, vemo_register_callback(echo, &kHello));
+    daemon_.set_drop_response(true);
+    daemon_.set_next_request_id(1000);
+    const size_t sent = daemon_.sent().size();
+    ASSERT_EQ(1000, vemo_send_request_async("pending", 5000, 0, nullptr));
+    std::atomic<pid_t> tid{0};
+    std::future<int> waiter = std::async(std::launch::async, [&tid] {
+      tid = current_tid();
+      char *text = nullptr;
+      return vemo_send_request_sync("waiting", 20000, 0, &text);
+    });
+    ASSERT_TRUE(daemon_.wait_for_sent([](const Sent &s) { return s.text.find(R"({"id":1001})") != std::string::npos; },
+                                      kWaitMs, sent));  // acknowledged, and the waiter asleep on its response
+    ASSERT_TRUE(eventually([&] { return tid.load() != 0; }));
+    ASSERT_TRUE(wait_thread_in_futex(tid.load()));
+    ASSERT_EQ(1, ordered ? daemon_.send_bytes(frame_of(kNotify1) + frame_of(kNotify1)) : daemon_.close_connections());
+    EXPECT_EQ(VEMO_ERR_DISCONNECTED, FinishOrDie(waiter, kWaitMs, "the synchronous waiter"));
+    ASSERT_TRUE(WaitLogged("client_destroy", "DEBUG", kDestroyed));
     char *text = nullptr;
-    return vemo_send_request_sync("waiting", 20000, 0, &text);
-  });
-  ASSERT_TRUE(daemon_.wait_for_sent([](const Sent &s) { return s.text.find(R"({"id":1001})") != std::string::npos; },
-                                    kWaitMs));  // acknowledged, and the waiter asleep on its response
-  ASSERT_TRUE(eventually([&] { return tid.load() != 0; }));
-  ASSERT_TRUE(wait_thread_in_futex(tid.load()));
-  ASSERT_EQ(1, daemon_.send_bytes(frame_of(kNotify1) + frame_of(kNotify1)));
-  EXPECT_EQ(VEMO_ERR_DISCONNECTED, FinishOrDie(waiter, kWaitMs, "the synchronous waiter"));
-  ASSERT_TRUE(WaitLogged("client_destroy", "DEBUG", kDestroyed));
-  EXPECT_EQ((Strings{"begin to destroy the client...", "destroy the task pool", "destroy the response list",
-                     "destroy the message id pool", "close the client file description", kDestroyed}),
-            Messages("client_destroy", "DEBUG"));
-  EXPECT_EQ(1, CountLogged("task_receive", "DEBUG", "end the task to receive from the server..."));
-  EXPECT_EQ(1, CountLogged("task_timeout_check", "DEBUG", "end the task to check the time out..."));
-  // The second order was dispatched before the teardown ended, or never read from the socket.
-  const int orders = CountLogged("task_dispatch", "ERROR", "fail to dispatch the message, error=-1101");
-  EXPECT_TRUE(orders == 1 || orders == 2) << orders;
-  EXPECT_TRUE(daemon_.wait_for_open_connections(0, kWaitMs)) << "the socket stays open";
-  char *text = nullptr;
-  EXPECT_EQ(VEMO_ERR_NOT_FOUND, vemo_get_response(1000, &text));
-  ASSERT_EQ(0, vemo_reconnect_cloud());
-  EXPECT_EQ(2, daemon_.connections_seen());
-  EXPECT_EQ(VEMO_ERR_NOT_FOUND, vemo_get_response(1000, &text));
-  EXPECT_TRUE(Unhandled(Incoming::kCloudRequest));
-  EXPECT_TRUE(Unhandled(Incoming::kHelloRequest));
+    EXPECT_EQ(VEMO_ERR_NOT_FOUND, vemo_get_response(1000, &text));
+    if (!ordered) {
+      EXPECT_EQ(1, CountLogged("", "WARN", "the connection to the server is lost, error=-1102"));
+      EXPECT_TRUE(WaitLogged("", "INFO", "the callback is registered again, attempt=1"));
+      EXPECT_TRUE(daemon_.wait_for_message([](const Received &m) { return m.conn == 2 && m.method == "register_callback"; },
+                                           kWaitMs));
+      EXPECT_EQ("still there?", Ask(7, "still there?"));
+      daemon_.set_drop_response(true);
+      continue;
+    }
+    EXPECT_EQ((Strings{"begin to destroy the client...", "destroy the task pool", "destroy the response list",
+                       "destroy the message id pool", "close the client file description", kDestroyed}),
+              Messages("client_destroy", "DEBUG"));
+    EXPECT_EQ(1, CountLogged("task_receive", "DEBUG", "end the task to receive from the server..."));
+    EXPECT_EQ(1, CountLogged("task_timeout_check", "DEBUG", "end the task to check the time out..."));
+    // The second order was dispatched before the teardown ended, or never read from the socket.
+    const int orders = CountLogged("task_dispatch", "ERROR", "fail to dispatch the message, error=-1101");
+    EXPECT_TRUE(orders == 1 || orders == 2) << orders;
+    EXPECT_TRUE(daemon_.wait_for_open_connections(0, kWaitMs)) << "the socket stays open";
+    ASSERT_EQ(0, vemo_reconnect_cloud());
+    EXPECT_EQ(3, daemon_.connections_seen());
+    EXPECT_EQ(VEMO_ERR_NOT_FOUND, vemo_get_response(1000, &text));
+    EXPECT_TRUE(Unhandled(Incoming::kCloudRequest));
+    EXPECT_TRUE(Unhandled(Incoming::kHelloRequest));
+  }
 }
 
 // The order may come as soon as the greeting is out, while the client is still finishing its
@@ -73,31 +89,6 @@ TEST_F(Teardown, TeardownOrderedRightAfterTheGreetingIsCarriedOut) {
     ASSERT_TRUE(wait_client_idle(2000)) << "round " << round << ": the ordered teardown was not carried out";
   }
   EXPECT_TRUE(WaitLogged("client_destroy", "DEBUG", kDestroyed, kRounds));
-}
-
-// A connection the daemon closes is torn down at once: the waiting caller is woken with -1101,
-// pending responses go with it, and the handler is announced again on a new connection.
-TEST_F(Teardown, ClosedConnectionWakesTheWaiterAndTheHandlerIsAnnouncedAgain) {
-  ASSERT_EQ(0, vemo_register_callback(echo, nullptr));
-  daemon_.set_drop_response(true);
-  daemon_.set_next_request_id(1000);
-  ASSERT_EQ(1000, vemo_send_request_async("pending", 60000, 0, nullptr));
-  std::future<int> waiter = std::async(std::launch::async, [] {
-    char *text = nullptr;
-    return vemo_send_request_sync("waiting", 60000, 0, &text);
-  });
-  ASSERT_TRUE(daemon_.wait_for_message([](const Received &m) { return m.request == "waiting"; }, kWaitMs));
-  ASSERT_EQ(1, daemon_.close_connections());
-  EXPECT_EQ(VEMO_ERR_DISCONNECTED, FinishOrDie(waiter, kWaitMs, "the synchronous waiter"));
-  EXPECT_TRUE(WaitLogged("client_destroy", "DEBUG", kDestroyed));
-  EXPECT_EQ(1, CountLogged("", "WARN", "the connection to the server is lost, error=-1102"));
-  EXPECT_TRUE(WaitLogged("", "INFO", "the callback is registered again, attempt=1"));
-  EXPECT_TRUE(daemon_.wait_for_message([](const Received &m) { return m.conn == 2 && m.method == "register_callback"; },
-                                       kWaitMs));
-  char *text = nullptr;
-  EXPECT_EQ(VEMO_ERR_NOT_FOUND, vemo_get_response(1000, &text));
-  EXPECT_EQ("still there?", Ask(7, "still there?"));
-  EXPECT_EQ(2, daemon_.connections_seen());
 }
 
 // ---- Handlers calling the API while the client is torn down, or on themselves -------------------

@@ -8,6 +8,7 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <fstream>
 #include <sstream>
@@ -96,8 +97,6 @@ int collect_response(int id, char **text, int timeout_ms) {
 
 void echo(const char *request, char **response) { *response = strdup(request); }
 
-// ---- E2ETest ----------------------------------------------------------------------------------
-
 void E2ETest::SetUp() {
   g_capture.store(&log_);
   // The lock goes with the process.
@@ -114,11 +113,9 @@ void E2ETest::SetUp() {
 }
 
 void E2ETest::TearDown() {
-  // Whatever the test left running ends here, while the capture and the twin still exist.
-  vemo::client_exit_hook();
+  vemo::client_exit_hook();  // while the capture and the twin still exist
   daemon_.stop();
   if (path_lock_ >= 0) close(path_lock_);  // releases the lock
-  path_lock_ = -1;
   g_capture.store(nullptr);
   if (HasFailure()) dump_log(log_);
 }
@@ -138,9 +135,8 @@ void E2ETest::Connect() {
 }
 
 int E2ETest::CountLogged(const std::string &function, const std::string &level, const std::string &message) {
-  int n = 0;
-  for (const std::string &m : Messages(function, level)) n += m == message ? 1 : 0;
-  return n;
+  const Strings m = Messages(function, level);
+  return static_cast<int>(std::count(m.begin(), m.end(), message));
 }
 
 bool E2ETest::WaitLogged(const std::string &function, const std::string &level, const std::string &message,
@@ -151,14 +147,7 @@ bool E2ETest::WaitLogged(const std::string &function, const std::string &level, 
 std::vector<Received> E2ETest::ReceivedMethod(const std::string &method) {
   std::vector<Received> out;
   for (const Received &r : daemon_.received())
-    if (r.method == method) out.push_back(r);
-  return out;
-}
-
-std::vector<Received> E2ETest::Replies() {
-  std::vector<Received> out;
-  for (const Received &r : daemon_.received())
-    if (r.is_reply()) out.push_back(r);
+    if (method.empty() ? r.is_reply() : r.method == method) out.push_back(r);
   return out;
 }
 

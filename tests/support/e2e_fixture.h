@@ -1,9 +1,7 @@
-// End-to-end fixture: the client library against the in-process twin of the reference daemon on
-// the real socket path /tmp/cloud_svr, with the library's log captured.
-//
-// The client context is process-wide and cannot be reset; every test case runs in a process of
-// its own, so each one starts from an idle client. TearDown tears the client down before the log
-// capture and the twin go, so that no library thread outlives them.
+// The client library against the in-process twin of the reference daemon on /tmp/cloud_svr, its
+// log captured. The client context is process-wide and cannot be reset: every test case runs in a
+// process of its own. TearDown tears the client down first, so no library thread outlives the
+// capture or the twin.
 #ifndef VEMO_TESTS_SUPPORT_E2E_FIXTURE_H
 #define VEMO_TESTS_SUPPORT_E2E_FIXTURE_H
 
@@ -18,7 +16,6 @@
 #include <string>
 #include <vector>
 
-#include "support/child_process.h"
 #include "support/log_capture.h"
 #include "support/socket_pair.h"
 #include "support/waits.h"
@@ -32,7 +29,6 @@ namespace vemo_e2e {
 using vemo::cloudd::CloudDaemon;
 using vemo::cloudd::Received;
 using vemo::cloudd::Sent;
-using vemo_test::ChildProcess;
 using vemo_test::Counter;
 using vemo_test::eventually;
 using vemo_test::frame_of;
@@ -48,18 +44,15 @@ using Strings = std::vector<std::string>;
 constexpr char kPathLockFile[] = "/tmp/cloud_svr.lock";
 constexpr int kPathBusyWaitMs = 60000;
 
-// The kernel id of the calling thread.
 pid_t current_tid();
 // True once thread tid (of this process) sleeps in a futex wait (a mutex or condition variable).
 bool wait_thread_in_futex(pid_t tid, int timeout_ms = kWaitMs);
-// True once the client context is idle: no start-up or teardown runs or is left to finish.
+// True once no start-up or teardown runs or is left to finish.
 bool wait_client_idle(int timeout_ms = kWaitMs);
-// True while a socket listens on path, in any process.
-bool listening_on(const std::string &path);
+bool listening_on(const std::string &path);  // in any process
 // Polls vemo_get_response while the response has not arrived; the last result.
 int collect_response(int id, char **text, int timeout_ms = kWaitMs);
-// The handler most tests register: answers with the request.
-void echo(const char *request, char **response);
+void echo(const char *request, char **response);  // answers with the request
 
 // Ends the process with a failure message and the captured log: a thread hangs in the library,
 // so the test can neither go on nor tear down.
@@ -99,13 +92,9 @@ class E2ETest : public ::testing::Test {
  protected:
   void SetUp() override;
   void TearDown() override;
-  // Fixtures whose tests begin without a daemon override this.
   virtual bool start_daemon_in_setup() const { return true; }
-
-  // Starts the twin on /tmp/cloud_svr (ASSERTs), once no other process serves it.
-  void StartDaemon();
-  // Connects the client with a call that changes nothing on the client (ASSERTs).
-  void Connect();
+  void StartDaemon();  // on /tmp/cloud_svr once no other process serves it (ASSERTs)
+  void Connect();      // with a call that changes nothing on the client (ASSERTs)
 
   Strings Messages(const std::string &function, const std::string &level = "") { return log_.messages(function, level); }
   int CountLogged(const std::string &function, const std::string &level, const std::string &message);
@@ -115,9 +104,9 @@ class E2ETest : public ::testing::Test {
   bool WaitLogged(const std::string &function, const std::string &level, const std::string &message,
                   int count = 1, int timeout_ms = kWaitMs);
 
-  // What the twin received: messages with the method, and replies (to cloud_request or hello).
+  // What the twin received: messages with the method ("" for replies to cloud_request or hello).
   std::vector<Received> ReceivedMethod(const std::string &method);
-  std::vector<Received> Replies();
+  std::vector<Received> Replies() { return ReceivedMethod(""); }
 
   // The reply of the registered handler to a cloud request sent with id; "<none>" when none came.
   std::string Ask(int id, const std::string &request);

@@ -64,12 +64,6 @@ std::vector<std::string> LogCapture::messages(const std::string &function, const
   return out;
 }
 
-bool LogCapture::contains(const std::string &message) {
-  for (const std::string &m : messages())
-    if (m == message) return true;
-  return false;
-}
-
 std::vector<std::string> LogCapture::summary(bool debug) {
   std::vector<std::string> out;
   LogLine l;

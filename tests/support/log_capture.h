@@ -30,7 +30,6 @@ class LogCapture {
   std::vector<std::string> lines();
   // The message parts of the lines of function (any when empty) at level (any when empty).
   std::vector<std::string> messages(const std::string &function = "", const std::string &level = "");
-  bool contains(const std::string &message);
   // "LEVEL function: message" of every WARN and ERROR line (of every line with debug), in order.
   std::vector<std::string> summary(bool debug = false);
   void clear();

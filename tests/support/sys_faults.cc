@@ -18,12 +18,12 @@ int fake_socket(int domain, int type, int protocol) {
 }
 int fake_bind(int fd, const struct sockaddr *address, socklen_t length) {
   now().last_bind_length = static_cast<int>(length);
-  return now().bind.next() ? -1 : real().bind(fd, address, length);
+  return real().bind(fd, address, length);
 }
 int fake_listen(int fd, int backlog) { return now().listen.next() ? -1 : real().listen(fd, backlog); }
 int fake_connect(int fd, const struct sockaddr *address, socklen_t length) {
   now().last_connect_length = static_cast<int>(length);
-  return now().connect.next() ? -1 : real().connect(fd, address, length);
+  return real().connect(fd, address, length);
 }
 ssize_t fake_send(int fd, const void *buffer, size_t count, int flags) {
   now().last_send_flags = flags;
@@ -57,15 +57,7 @@ int fake_poll(struct pollfd *fds, nfds_t count, int timeout_ms) {
 int fake_fcntl(int fd, int command, int argument) {
   return now().fcntl.next() ? -1 : real().fcntl(fd, command, argument);
 }
-int fake_shutdown(int fd, int how) {
-  now().last_shutdown_how = how;
-  return now().shutdown.next() ? -1 : real().shutdown(fd, how);
-}
-int fake_close(int fd) { return now().close.next() ? -1 : real().close(fd); }
-void *fake_malloc(size_t size) {
-  now().last_malloc_size = size;
-  return now().malloc.next() ? nullptr : real().malloc(size);
-}
+void *fake_malloc(size_t size) { return now().malloc.next() ? nullptr : real().malloc(size); }
 
 }  // namespace
 
@@ -91,8 +83,6 @@ SysFaults::SysFaults() : ops_(vemo::sys::real_ops()) {
   ops_.recv = fake_recv;
   ops_.poll = fake_poll;
   ops_.fcntl = fake_fcntl;
-  ops_.shutdown = fake_shutdown;
-  ops_.close = fake_close;
   ops_.malloc = fake_malloc;
   g_current.store(this);
   scope_.reset(new vemo::sys::ScopedOps(ops_));

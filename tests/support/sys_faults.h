@@ -28,8 +28,7 @@ struct CallScript {
     pass = after;
     fail = count;
   }
-  // Counts the call; true (errno set) when this one must fail.
-  bool next();
+  bool next();  // counts the call; true (errno set) when this one must fail
 };
 
 class SysFaults {
@@ -40,7 +39,7 @@ class SysFaults {
   SysFaults &operator=(const SysFaults &) = delete;
 
   // send scripts send and sendmsg alike.
-  CallScript socket, bind, listen, connect, send, recv, poll, fcntl, shutdown, close, malloc;
+  CallScript socket, listen, send, recv, poll, fcntl, malloc;
 
   // At most this many bytes per send/sendmsg/recv call (0: no cap).
   std::atomic<size_t> send_chunk{0};
@@ -52,8 +51,6 @@ class SysFaults {
   std::atomic<int> last_poll_timeout{-2};
   std::atomic<int> last_poll_events{0};
   std::atomic<int> last_send_flags{-1};
-  std::atomic<int> last_shutdown_how{-1};
-  std::atomic<size_t> last_malloc_size{0};
 
  private:
   vemo::sys::Ops ops_;

@@ -30,10 +30,6 @@ class Gate {
     std::unique_lock<std::mutex> lock(mu_);
     return cv_.wait_for(lock, std::chrono::milliseconds(timeout_ms), [this] { return open_; });
   }
-  bool is_open() {
-    std::lock_guard<std::mutex> lock(mu_);
-    return open_;
-  }
 
  private:
   std::mutex mu_;
