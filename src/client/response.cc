@@ -319,6 +319,10 @@ int vemo::response_data_deliver(response_list_t *list, int id, const char *respo
       found = true;
       previous = entry->response;
       entry->response = copy;
+      // The latest answer wins, as between two responses: a response after the cloud's failure
+      // of the same id clears that code (else the collector would get the code and its text
+      // would never be freed).
+      entry->code = 0;
       list->index.arrive(entry, vemo::response_now_tick());
       // Read now: once it has arrived, a collector may free the entry as soon as we unlock.
       *callbacks = ResponseCallbacks{entry->callback, entry->callback_ex, entry->user};

@@ -283,6 +283,12 @@ TEST_F(Lists, AResponseIsCopiedOnceCollectedOnceAndItsCallbackRunsUnlocked) {
   g_now.store(1150);  // 150 ms after the first response, 70 after the second
   response_data_clear(list_, 0);
   EXPECT_EQ(collect(7, VEMO_OK), "second");
+  // A response after the cloud failed the id wins, and its text is handed over (ASan: not lost).
+  ASSERT_EQ(response_data_add(list_, 8, 100, nullptr), VEMO_OK);
+  vemo::ResponseCallbacks callbacks;
+  ASSERT_TRUE(vemo::response_data_fail(list_, 8, -5, &callbacks));
+  ASSERT_EQ(response_data_set_response(list_, 8, "after the failure"), VEMO_OK);
+  EXPECT_EQ(collect(8, VEMO_OK), "after the failure");
   g_list = list_;
   enter(12, 1000, "mine", collecting_cb);  // a callback may collect its own response
   EXPECT_EQ(g_own_code.load(), VEMO_OK);
