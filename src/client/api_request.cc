@@ -61,28 +61,30 @@ int send_request(const char *request, int timeout_ms, int flag, const ResponseCa
 
 using namespace vemo;
 
-extern "C" VEMO_API int vemo_send_request_async(const char *request, int timeout_ms, int flag,
-                                                vemo_response_cb callback) {
+namespace {
+
+// The two asynchronous entries differ only in how the response is told.
+int send_async(const char *function, const char *request, int timeout_ms, int flag,
+               const ResponseCallbacks &callbacks) {
   Deadline deadline = Deadline::after_ms(timeout_ms, get_tick_count());
   if (request == nullptr) {
-    LOG_PRINT("ERROR", "the request is NULL");
+    LOG_PRINT_AS(function, "ERROR", "the request is NULL");
     return VEMO_ERR_INVALID_ARG;
   }
   uint32_t generation = 0;
-  return send_request(request, timeout_ms, flag, ResponseCallbacks{callback, nullptr, nullptr},
-                      deadline, &generation);
+  return send_request(request, timeout_ms, flag, callbacks, deadline, &generation);
+}
+
+}  // namespace
+
+extern "C" VEMO_API int vemo_send_request_async(const char *request, int timeout_ms, int flag,
+                                                vemo_response_cb callback) {
+  return send_async(__func__, request, timeout_ms, flag, ResponseCallbacks{callback, nullptr, nullptr});
 }
 
 extern "C" VEMO_API int vemo_send_request_async_ex(const char *request, int timeout_ms, int flag,
                                                    vemo_response_ex_cb callback, void *user) {
-  Deadline deadline = Deadline::after_ms(timeout_ms, get_tick_count());
-  if (request == nullptr) {
-    LOG_PRINT("ERROR", "the request is NULL");
-    return VEMO_ERR_INVALID_ARG;
-  }
-  uint32_t generation = 0;
-  return send_request(request, timeout_ms, flag, ResponseCallbacks{nullptr, callback, user},
-                      deadline, &generation);
+  return send_async(__func__, request, timeout_ms, flag, ResponseCallbacks{nullptr, callback, user});
 }
 
 extern "C" VEMO_API int vemo_send_request_sync(const char *request, int timeout_ms, int flag,

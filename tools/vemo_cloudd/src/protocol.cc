@@ -49,10 +49,11 @@ bool is_client_method(const std::string &method) {
          method == kReconnectCloud;
 }
 
-std::string make_ack(int id, int code, const int *request_id) {
-  std::string out = "{";
-  add_number(out, "inner_id", id);
-  out += ',';
+namespace {
+
+// The code and, when there is one, the request id: the tail of acknowledgements and of failed
+// responses alike.
+std::string &add_code_and_result(std::string &out, int code, const int *request_id) {
   add_number(out, "inner_error_code", code);
   if (request_id != nullptr) {
     out += ",\"inner_result\":{";
@@ -60,6 +61,15 @@ std::string make_ack(int id, int code, const int *request_id) {
     out += '}';
   }
   return out += '}';
+}
+
+}  // namespace
+
+std::string make_ack(int id, int code, const int *request_id) {
+  std::string out = "{";
+  add_number(out, "inner_id", id);
+  out += ',';
+  return add_code_and_result(out, code, request_id);
 }
 
 std::string make_response(int request_id, const std::string &text) {
@@ -74,13 +84,7 @@ std::string make_response(int request_id, const std::string &text) {
 
 std::string make_failed_response(int code, const int *request_id) {
   std::string out = "{";
-  add_number(out, "inner_error_code", code);
-  if (request_id != nullptr) {
-    out += ",\"inner_result\":{";
-    add_number(out, "id", *request_id);
-    out += '}';
-  }
-  return out += '}';
+  return add_code_and_result(out, code, request_id);
 }
 
 std::string make_cloud_request(int id, const std::string &text) {
